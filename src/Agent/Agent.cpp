@@ -1,0 +1,173 @@
+#include "Agent/Agent.h"
+
+#include <QCoreApplication>
+#include <QPixmap>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+#include "AppConfig.h"
+#include "Log.h"
+
+namespace vlm {
+
+namespace {
+constexpr int kStartupRounds = 16;
+// Attachment is accepted from this round on, so the splash shows at least five seconds.
+constexpr int kFirstAcceptedRound = 4;
+// After this round without a server, Hybrid starts its own engine and Slave gives up.
+constexpr int kLocalFallbackRound = 3;
+}  // namespace
+
+Agent& Agent::instance() {
+    // Never destroyed: the engine watcher may still run while the process exits.
+    static Agent* agent = new Agent(AppConfig::instance());
+    return *agent;
+}
+
+AgentMode agentModeFrom(json::Document* document) {
+    const json::Value* value = json::findPath(document, {"mode"});
+    if (!value)
+        return kModeHybrid;
+    if (value->IsNull())
+        return kModeNone;
+    if (!value->IsInt()) {
+        VLM_LOG(4, "The configured \"mode\" is not a whole number; Hybrid applies\n");
+        return kModeHybrid;
+    }
+    return value->GetInt();
+}
+
+Agent::Agent(AppConfig& config)
+    : mode(agentModeFrom(config.document.get())),
+      interfaceHardwareIds(interfaceHardwareIdsFrom(config.document.get())),
+      config_(config) {}
+
+Agent::~Agent() {
+    if (engineWatcher && engineWatcher->joinable())
+        engineWatcher->join();
+}
+
+std::string Agent::attachedEndpoint() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return attachedServer;
+}
+
+int Agent::runStartup(const std::function<void(const QString&)>& show) {
+    if (mode == kModeMaster) {
+        show("Master: Creating VELMOR local server in the network...");
+        VLM_LOG(6, "Starting VELMOR Engine process as agent mode has been set to \"Master\"\n");
+        startEngineProcess(true);
+        std::this_thread::sleep_for(timing.masterWait);
+        return 0;
+    }
+    if (mode != kModeSlave && mode != kModeHybrid)
+        return 0;
+
+    VLM_LOG(6, "Looking for VELMOR Engine in the network...\n");
+    show(QString(mode == kModeSlave ? "Slave: " : "Hybrid: ") +
+         "Looking for VELMOR Server in the network...");
+    for (int round = 0; round < kStartupRounds; ++round) {
+        std::this_thread::sleep_for(timing.startupRound);
+        if (!attachedEndpoint().empty()) {
+            show("Connected to VELMOR server. Please wait...");
+            if (round >= kFirstAcceptedRound)
+                return 0;
+            continue;
+        }
+        if (round != kLocalFallbackRound)
+            continue;
+        VLM_LOG(6, "Could not find VELMOR engine in the network\n");
+        if (mode == kModeHybrid) {
+            VLM_LOG(6, "Starting VELMOR Engine process as agent mode has been set to \"Hybrid\"\n");
+            show("Starting VELMOR local server. Please wait...");
+            startEngineProcess(false);
+        } else {
+            notifyListeners([](Listener& listener) {
+                listener.onNotification("Could not find VELMOR server in the network");
+            });
+            return 0;
+        }
+    }
+    return 0;
+}
+
+void Agent::startEngineProcess(bool master) {
+    std::lock_guard<std::mutex> lock(mutex);
+    QStringList arguments{"--server", "1", "--apid",
+                          QString::number(QCoreApplication::applicationPid())};
+    if (master)
+        arguments << "--master"
+                  << "1";
+    const QString program = engineProgram.empty() ? QCoreApplication::applicationFilePath()
+                                                  : QString::fromStdString(engineProgram);
+    qint64 pid = 0;
+    if (QProcess::startDetached(program, arguments, QString(), &pid)) {
+        enginePid = pid;
+        VLM_LOG(6, "Engine process has started\n");
+    } else {
+        enginePid = 0;
+        VLM_LOG(3, "Failed to create engine process\n");
+    }
+    // One watcher at a time: the previous one ends when its child has died.
+    if (engineWatcher && engineWatcher->joinable())
+        engineWatcher->join();
+    engineWatcher = std::make_unique<std::thread>(&Agent::watchEngine, this, enginePid.load());
+}
+
+// Each watcher follows the child it was started for, so that a newer launch is never mistaken
+// for the child this watcher waits on.
+void Agent::watchEngine(std::int64_t pid) {
+    do {
+        std::this_thread::sleep_for(timing.watcherInterval);
+    } while (isProcessAlive(static_cast<std::uint32_t>(pid)));
+    enginePid.compare_exchange_strong(pid, 0);
+    VLM_LOG(6, "Engine process died\n");
+    notifyListeners([](Listener& listener) { listener.onEngineDied(); });
+}
+
+bool Agent::storeMode(AgentMode newMode) {
+    if (newMode == mode)
+        return false;
+    AppConfig& config = config_;
+    json::ensurePath(*config.document, {"mode"}).SetInt(newMode);
+    config.save();
+    return true;
+}
+
+bool Agent::setWebServerAddress(const std::string& address) {
+    AppConfig& config = config_;
+    const json::Value* current = json::findPath(config.document.get(), {"server", "ip"});
+    std::string old;
+    if (current && current->IsString())
+        old.assign(current->GetString(), current->GetStringLength());
+    if (old == address)
+        return false;
+    json::Value& ip = json::ensurePath(*config.document, {"server", "ip"});
+    json::setString(ip, address.c_str(), static_cast<rapidjson::SizeType>(address.size()), true,
+                    &config.document->GetAllocator(), config.document->max_length);
+    config.save();
+    return true;
+}
+
+void Agent::setPluginEntries(const std::vector<PluginEntry>& entries) {
+    AppConfig& config = config_;
+    json::Allocator& allocator = config.document->GetAllocator();
+    json::Value plugins(rapidjson::kArrayType);
+    for (const PluginEntry& entry : entries) {
+        json::Value object(rapidjson::kObjectType);
+        json::Value name, descr;
+        json::setString(name, entry.name.c_str(),
+                        static_cast<rapidjson::SizeType>(entry.name.size()), true, &allocator);
+        json::setString(descr, entry.descr.c_str(),
+                        static_cast<rapidjson::SizeType>(entry.descr.size()), true, &allocator);
+        object.AddMember("name", name, allocator);
+        object.AddMember("descr", descr, allocator);
+        object.AddMember("enabled", json::Value(entry.enabled), allocator);
+        plugins.PushBack(object, allocator);
+    }
+    json::ensurePath(*config.document, {"plugins"}) = plugins;
+    config.save();
+}
+
+}  // namespace vlm

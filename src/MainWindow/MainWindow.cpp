@@ -1,0 +1,46 @@
+#include "MainWindow/MainWindow.h"
+
+#include <QCloseEvent>
+#include <QMenuBar>
+
+#include "MainWindow/Tray.h"
+#include "Roles.h"
+
+namespace vlm {
+
+std::function<bool()> darkModeQuery = [] { return false; };
+
+MainWindow::MainWindow(Agent& agent, bool startAgent) {
+    instance_ = this;
+    setWindowFlags((windowFlags() & ~Qt::WindowMaximizeButtonHint) |
+                   Qt::MSWindowsFixedSizeDialogHint);
+    tray_ = std::make_unique<Tray>(*this, agent, startAgent);
+    resize(static_cast<int>(480 * dpiScale), static_cast<int>(320 * dpiScale));
+}
+
+MainWindow::~MainWindow() {
+    tray_.reset();
+    if (instance_ == this)
+        instance_ = nullptr;
+}
+
+void MainWindow::closeEvent(QCloseEvent* event) {
+    // Only "&Quit" ends the agent; the window merely goes out of sight.
+    event->ignore();
+    hide();
+}
+
+int showMessageBox(QWidget* parent, const QString& title, const QString& text,
+                   QMessageBox::Icon icon, QMessageBox::StandardButtons buttons) {
+    QMessageBox box(parent);
+    const bool dark = darkModeQuery && darkModeQuery();
+    box.setWindowTitle(title);
+    box.setText(text);
+    box.setIcon(icon);
+    box.setStandardButtons(buttons);
+    if (dark)
+        box.setStyleSheet("background-color: rgb(43, 43, 43);color: rgb(255, 255, 255);}");
+    return box.exec();
+}
+
+}  // namespace vlm

@@ -1,0 +1,51 @@
+#pragma once
+// The few operating-system services the program needs, one implementation per system.
+
+#include <cstdint>
+#include <string>
+
+namespace vlm::platform {
+
+/// Separator the program puts between path components.
+char pathSeparator();
+
+/// Per-user base folder for application data; empty when none can be determined.
+std::string userAppDataFolder();
+
+/// Machine-wide application-data folder; false when the system cannot give one.
+bool commonAppDataFolder(std::string& folder);
+
+/// Creates one folder level; failures (already there, missing parent) are ignored.
+void makeDirectory(const std::string& path);
+
+bool isDirectory(const std::string& path);
+
+/// True while the process exists and has not ended (a zombie has ended).
+bool isProcessAlive(std::uint32_t pid);
+
+std::uint32_t currentProcessId();
+
+/// Full path of the running executable.
+std::string executablePath();
+
+/// Gives the process a console; true when it accepts virtual-terminal colour sequences.
+bool attachConsole();
+
+/// "major.minor.patch bbuild" of the executable, or "None" when it has no version.
+std::string versionText();
+
+/// Name of the agent's single-instance local socket, placed so that users never share it.
+std::string singleInstanceServerName();
+
+/// Folder layout under the base folders, shared by the configuration and the engine.
+constexpr const char* kMakerFolder = "Corvane Technologies";
+constexpr const char* kProductFolder = "velmor";
+
+/// Machine-wide engine plug-in and web-application folders; false without a common folder.
+bool commonPluginFolder(std::string& folder);
+bool commonWebAppFolder(std::string& folder);
+
+/// Per-user plug-in folder (empty when there is no per-user base folder).
+std::string userPluginFolder();
+
+}  // namespace vlm::platform

@@ -1,0 +1,109 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+
+#include "platform/Platform.h"
+#include "velmor_version.h"
+
+namespace vlm::platform {
+
+namespace {
+std::string environment(const char* name) {
+    const char* value = std::getenv(name);
+    return value ? std::string(value) : std::string();
+}
+}  // namespace
+
+char pathSeparator() {
+    return '/';
+}
+
+std::string userAppDataFolder() {
+    std::string folder = environment("APPDATA");
+    if (!folder.empty())
+        return folder;
+    folder = environment("XDG_CONFIG_HOME");
+    if (!folder.empty())
+        return folder;
+    folder = environment("HOME");
+    return folder.empty() ? folder : folder + "/.config";
+}
+
+bool commonAppDataFolder(std::string& folder) {
+    std::string configured = environment("VELMOR_COMMON_APPDATA");
+    folder = configured.empty() ? "/usr/share" : configured;
+    return true;
+}
+
+void makeDirectory(const std::string& path) {
+    if (!path.empty())
+        ::mkdir(path.c_str(), 0755);
+}
+
+bool isDirectory(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool isProcessAlive(std::uint32_t pid) {
+    if (pid == 0 || pid > static_cast<std::uint32_t>(INT32_MAX))
+        return false;
+    if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM)
+        return false;
+    // An ended child that nobody reaped still answers kill(); its state says it ended.
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line))
+        return false;
+    std::size_t close = line.rfind(')');
+    if (close == std::string::npos || close + 2 >= line.size())
+        return false;
+    char state = line[close + 2];
+    return state != 'Z' && state != 'X' && state != 'x';
+}
+
+std::uint32_t currentProcessId() {
+    return static_cast<std::uint32_t>(::getpid());
+}
+
+std::string executablePath() {
+    char buffer[4096];
+    ssize_t length = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+    if (length <= 0)
+        return {};
+    return std::string(buffer, static_cast<std::size_t>(length));
+}
+
+bool attachConsole() {
+    // A Linux process already has its terminal; colours work when it is one.
+    std::ios::sync_with_stdio(true);
+    return ::isatty(STDOUT_FILENO) == 1;
+}
+
+std::string versionText() {
+    if (VELMOR_VERSION_MAJOR == 0 && VELMOR_VERSION_MINOR == 0 && VELMOR_VERSION_PATCH == 0 &&
+        VELMOR_VERSION_BUILD == 0)
+        return "None";
+    char text[64];
+    std::snprintf(text, sizeof text, "%d.%d.%d b%d", VELMOR_VERSION_MAJOR, VELMOR_VERSION_MINOR,
+                  VELMOR_VERSION_PATCH, VELMOR_VERSION_BUILD);
+    return text;
+}
+
+std::string singleInstanceServerName() {
+    std::string runtime = environment("XDG_RUNTIME_DIR");
+    if (!runtime.empty())
+        return runtime + "/velmor_agent_singleton";
+    std::string temp = environment("TMPDIR");
+    if (temp.empty())
+        temp = "/tmp";
+    return temp + "/velmor_agent_singleton-" + std::to_string(::getuid());
+}
+
+}  // namespace vlm::platform

@@ -1,0 +1,101 @@
+// Windows half of the platform layer (built only on Windows).
+
+#include <shlobj.h>
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <vector>
+
+#include "platform/Platform.h"
+
+namespace vlm::platform {
+
+char pathSeparator() {
+    return '\\';
+}
+
+std::string userAppDataFolder() {
+    const char* folder = std::getenv("APPDATA");
+    return folder ? std::string(folder) : std::string();
+}
+
+bool commonAppDataFolder(std::string& folder) {
+    char path[MAX_PATH];
+    if (SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, path) != S_OK)
+        return false;
+    folder = path;
+    return true;
+}
+
+void makeDirectory(const std::string& path) {
+    if (!path.empty())
+        CreateDirectoryA(path.c_str(), nullptr);
+}
+
+bool isDirectory(const std::string& path) {
+    DWORD attributes = GetFileAttributesA(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+bool isProcessAlive(std::uint32_t pid) {
+    HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, pid);
+    DWORD wait = process ? WaitForSingleObject(process, 0) : WAIT_FAILED;
+    if (process)
+        CloseHandle(process);
+    return wait == WAIT_TIMEOUT;
+}
+
+std::uint32_t currentProcessId() {
+    return GetCurrentProcessId();
+}
+
+std::string executablePath() {
+    char path[MAX_PATH];
+    DWORD length = GetModuleFileNameA(nullptr, path, MAX_PATH);
+    return std::string(path, length);
+}
+
+bool attachConsole() {
+    AllocConsole();
+    FILE* stream = nullptr;
+    freopen_s(&stream, "CONIN$", "r", stdin);
+    freopen_s(&stream, "CONOUT$", "w", stdout);
+    freopen_s(&stream, "CONOUT$", "w", stderr);
+    std::ios::sync_with_stdio(true);
+    HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+    if (output == INVALID_HANDLE_VALUE || !output)
+        return false;
+    DWORD mode = 0;
+    GetConsoleMode(output, &mode);
+    return SetConsoleMode(output, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+}
+
+std::string versionText() {
+    char path[MAX_PATH];
+    GetModuleFileNameA(nullptr, path, MAX_PATH);
+    DWORD handle = 0;
+    DWORD size = GetFileVersionInfoSizeA(path, &handle);
+    if (size == 0)
+        return "None";
+    std::vector<char> data(size);
+    VS_FIXEDFILEINFO* info = nullptr;
+    UINT length = 0;
+    if (!GetFileVersionInfoA(path, 0, size, data.data()) ||
+        !VerQueryValueA(data.data(), "\\", reinterpret_cast<void**>(&info), &length) || !info)
+        return "None";
+    int major = HIWORD(info->dwFileVersionMS), minor = LOWORD(info->dwFileVersionMS);
+    int patch = HIWORD(info->dwFileVersionLS), build = LOWORD(info->dwFileVersionLS);
+    if (major == 0 && minor == 0 && patch == 0 && build == 0)
+        return "None";
+    char text[64];
+    std::snprintf(text, sizeof text, "%d.%d.%d b%d", major, minor, patch, build);
+    return text;
+}
+
+std::string singleInstanceServerName() {
+    return "velmor_agent_singleton";
+}
+
+}  // namespace vlm::platform

@@ -1,0 +1,163 @@
+#include "MainWindow/Tray.h"
+
+#include <QApplication>
+#include <QMessageBox>
+#include <QTimer>
+#include <QUrl>
+
+#include "Agent/AgentFixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using vlm::test::LogCapture;
+using Texts = std::vector<std::string>;
+
+class TrayTest : public vlm::test::AgentFixture {
+protected:
+    void build(const std::string& configText = "{}") {
+        agent = makeAgent(configText);
+        // A child that ends at once: every launch is followed by a death report.
+        agent->engineProgram = "/bin/false";
+        window = std::make_unique<vlm::MainWindow>(*agent, false);
+        tray = window->tray();
+        tray->showBalloon = [this](const QString& title, const QString& text) {
+            balloons.push_back((title + " | " + text).toStdString());
+        };
+        tray->openUrl = [this](const QUrl& url) { opened.push_back(url.toString().toStdString()); };
+        tray->engineRestartTimer.setClock([this] { return now; });
+        vlm::lastAttachedAddress().clear();
+    }
+    void TearDown() override {
+        window.reset();
+        agent.reset();
+    }
+
+    std::unique_ptr<vlm::Agent> agent;
+    std::unique_ptr<vlm::MainWindow> window;
+    vlm::MainWindow::Tray* tray = nullptr;
+    Texts balloons;
+    Texts opened;
+    std::chrono::steady_clock::time_point now{};
+};
+
+TEST_F(TrayTest, MenuEntriesInOrder) {
+    build();
+    Texts texts;
+    for (QAction* action : tray->menu->actions())
+        texts.push_back(action->isSeparator() ? "-" : action->text().toStdString());
+    EXPECT_EQ(texts, (Texts{"Title", "-", "Open &Web App", "Start Local Server", "&Settings...",
+                            "-", "&User Manual", "&About", "&Quit"}));
+    EXPECT_FALSE(tray->titleAction->isEnabled());
+    EXPECT_FALSE(tray->webAppAction->isEnabled());
+    EXPECT_EQ(tray->menu->title(), "App");
+    EXPECT_EQ(tray->trayIcon->toolTip(), "VELMOR 1.0.0 b1");
+}
+
+TEST_F(TrayTest, AttachmentReportsCrossToTheGuiThread) {
+    build();
+    std::thread poll([this] { tray->onAttached("10.0.0.5:8080"); });
+    poll.join();
+    EXPECT_TRUE(balloons.empty());
+    QCoreApplication::processEvents();
+    EXPECT_EQ(balloons, Texts{"Server Found | Attached to 10.0.0.5:8080"});
+    EXPECT_TRUE(tray->webAppAction->isEnabled());
+}
+
+TEST_F(TrayTest, WebAppOpensOncePerNewAddress) {
+    build();
+    agent->attachedServer = "10.0.0.5:8080";
+    tray->slotAttachChanged("10.0.0.5:8080", true);
+    tray->slotAttachChanged("10.0.0.5:8080", false);
+    tray->slotAttachChanged("10.0.0.5:8080", true);
+    agent->attachedServer = "10.0.0.6:8080";
+    tray->slotAttachChanged("10.0.0.6:8080", true);
+    EXPECT_EQ(opened, (Texts{"http://10.0.0.5:8080", "http://10.0.0.6:8080"}));
+    EXPECT_EQ(balloons, (Texts{"Server Found | Attached to 10.0.0.5:8080",
+                               "Server Lost | Detached from 10.0.0.5:8080",
+                               "Server Found | Attached to 10.0.0.5:8080",
+                               "Server Found | Attached to 10.0.0.6:8080"}));
+    EXPECT_FALSE(tray->webAppAction->isEnabled() == false);
+}
+
+TEST_F(TrayTest, NotificationTextIsFixed) {
+    build();
+    tray->slotNotification("anything at all");
+    EXPECT_EQ(balloons, Texts{"Server Not Found | Could not find VELMOR server in the network"});
+}
+
+TEST_F(TrayTest, IconClickOpensTheWebAppOnlyWhenAttached) {
+    build();
+    tray->iconActivated(QSystemTrayIcon::Trigger);
+    tray->messageClicked();
+    EXPECT_TRUE(opened.empty());
+    agent->attachedServer = "10.0.0.5:8080";
+    tray->iconActivated(QSystemTrayIcon::Context);
+    tray->iconActivated(QSystemTrayIcon::Trigger);
+    tray->messageClicked();
+    EXPECT_EQ(opened, (Texts{"http://10.0.0.5:8080", "http://10.0.0.5:8080"}));
+}
+
+TEST_F(TrayTest, PopupTitleAndStartLocalServer) {
+    build();
+    tray->slotUpdatePopupMenu();
+    EXPECT_EQ(tray->titleAction->text(), "VELMOR - No Server Running");
+    EXPECT_TRUE(tray->startServerAction->isVisible());
+    agent->attachedServer = "10.0.0.5:8080";
+    agent->enginePid = 4242;
+    tray->slotUpdatePopupMenu();
+    EXPECT_EQ(tray->titleAction->text(), "VELMOR - Server on 10.0.0.5:8080");
+    EXPECT_FALSE(tray->startServerAction->isVisible());
+    agent->enginePid = 0;
+    for (vlm::AgentMode mode : {vlm::kModeMaster, vlm::kModeSlave}) {
+        agent->mode = mode;
+        tray->slotUpdatePopupMenu();
+        EXPECT_FALSE(tray->startServerAction->isVisible()) << mode;
+    }
+}
+
+TEST_F(TrayTest, RapidEngineDeathStopsTheRestarts) {
+    build(R"({"mode": 1})");
+    LogCapture log;
+    tray->slotEngineDied();  // the first death always restarts
+    now += 10s;
+    tray->slotEngineDied();  // within 30 s of that restart: give up
+    EXPECT_EQ(balloons, Texts{"Local Server Died | No further attempts to revive local server as "
+                              "it crashes rapidly"});
+    now += 21s;
+    tray->slotEngineDied();  // 31 s after the last restart: try again
+    Texts expected{"Trying to restart Engine process...\n",
+                   "Engine Process dies rapidly. No further attempt to restart\n",
+                   "Trying to restart Engine process...\n"};
+    Texts lines;
+    for (const std::string& line : log.lines())
+        if (line.find("restart") != std::string::npos)
+            lines.push_back(line);
+    EXPECT_EQ(lines, expected);
+}
+
+TEST_F(TrayTest, ClosingTheWindowOnlyHidesIt) {
+    build();
+    window->show();
+    EXPECT_TRUE(window->close() == false || !window->isVisible());
+    EXPECT_FALSE(window->isVisible());
+    EXPECT_NE(vlm::MainWindow::instance(), nullptr);
+}
+
+TEST_F(TrayTest, ModeChangeTellsTheUserOnlyWhenStored) {
+    build(R"({"mode": 4})");
+    QString shown;
+    QTimer::singleShot(0, [&] {
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+            shown = box->windowTitle() + " | " + box->text();
+            box->accept();
+        }
+    });
+    tray->slotModeMaster();
+    EXPECT_EQ(shown, "Mode Changed | Mode will be set to \"Master\" next time this Agent starts");
+    shown.clear();
+    tray->slotModeHybrid();  // the running mode: nothing stored, nothing shown
+    EXPECT_TRUE(shown.isEmpty());
+}
+
+}  // namespace

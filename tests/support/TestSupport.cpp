@@ -1,0 +1,243 @@
+#include "TestSupport.h"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;
+
+namespace vlm::test {
+
+namespace fs = std::filesystem;
+
+TempDir::TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "velmor-test-XXXXXX").string();
+    if (!mkdtemp(pattern.data()))
+        throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code error;
+    fs::remove_all(path_, error);
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+bool exists(const std::string& path) {
+    return fs::exists(path);
+}
+
+std::string buildDir() {
+    return VELMOR_BUILD_DIR;
+}
+
+std::string velmorPath() {
+    return buildDir() + "/VELMOR";
+}
+
+Child::Child(const std::string& program, const std::vector<std::string>& args,
+             const std::map<std::string, std::string>& env, const std::string& outputDir)
+    : stdoutPath_(outputDir + "/stdout-" + std::to_string(reinterpret_cast<std::uintptr_t>(this))),
+      stderrPath_(outputDir + "/stderr-" + std::to_string(reinterpret_cast<std::uintptr_t>(this))) {
+    std::vector<std::string> environment;
+    for (char** entry = environ; *entry; ++entry) {
+        std::string text(*entry);
+        std::string name = text.substr(0, text.find('='));
+        if (!env.count(name))
+            environment.push_back(text);
+    }
+    for (const auto& [name, value] : env)
+        environment.push_back(name + "=" + value);
+
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
+    for (const std::string& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    for (std::string& entry : environment)
+        envp.push_back(entry.data());
+    envp.push_back(nullptr);
+
+    pid_ = fork();
+    if (pid_ == 0) {
+        int out = open(stdoutPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int err = open(stderrPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int in = open("/dev/null", O_RDONLY);
+        dup2(in, 0);
+        dup2(out, 1);
+        dup2(err, 2);
+        execve(program.c_str(), argv.data(), envp.data());
+        _exit(127);
+    }
+}
+
+Child::~Child() {
+    if (!status_ && pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        wait(std::chrono::seconds(5));
+    }
+}
+
+std::optional<int> Child::wait(std::chrono::milliseconds timeout) {
+    if (status_)
+        return status_;
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        int status = 0;
+        pid_t done = waitpid(pid_, &status, WNOHANG);
+        if (done == pid_) {
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+            return status_;
+        }
+        if (std::chrono::steady_clock::now() >= deadline)
+            return std::nullopt;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+void Child::kill(int signal) {
+    if (!status_)
+        ::kill(pid_, signal);
+}
+
+std::string Child::output() const {
+    return readFile(stdoutPath_);
+}
+
+std::string Child::errors() const {
+    return readFile(stderrPath_);
+}
+
+bool Child::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (output().find(text) == std::string::npos) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+unsigned short freeLoopbackPort() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+namespace {
+size_t collectBody(char* data, size_t size, size_t count, void* target) {
+    static_cast<std::string*>(target)->append(data, size * count);
+    return size * count;
+}
+
+size_t collectHeader(char* data, size_t size, size_t count, void* target) {
+    std::string line(data, size * count);
+    auto colon = line.find(':');
+    if (colon != std::string::npos) {
+        std::string name = line.substr(0, colon);
+        std::transform(name.begin(), name.end(), name.begin(),
+                       [](unsigned char c) { return std::tolower(c); });
+        std::string value = line.substr(colon + 1);
+        value.erase(0, value.find_first_not_of(' '));
+        value.erase(value.find_last_not_of("\r\n") + 1);
+        (*static_cast<std::map<std::string, std::string>*>(target))[name] = value;
+    }
+    return size * count;
+}
+}  // namespace
+
+namespace {
+HttpResponse request(const std::string& host, const std::string& method, unsigned short port,
+                     const std::string& target, const std::string& body,
+                     const std::string& credentials, std::chrono::milliseconds timeout) {
+    HttpResponse response;
+    CURL* curl = curl_easy_init();
+    if (!curl)
+        return response;
+    std::string url = "http://" + host + ":" + std::to_string(port) + target;
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
+    curl_easy_setopt(curl, CURLOPT_PATH_AS_IS, 1L);
+    curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collectBody);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, collectHeader);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
+    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    if (method == "POST") {
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    }
+    if (method == "HEAD")
+        curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+    if (!credentials.empty()) {
+        curl_easy_setopt(curl, CURLOPT_HTTPAUTH, CURLAUTH_BASIC);
+        curl_easy_setopt(curl, CURLOPT_USERPWD, credentials.c_str());
+    }
+    if (curl_easy_perform(curl) == CURLE_OK) {
+        long status = 0;
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+        response.status = static_cast<int>(status);
+    }
+    curl_slist_free_all(headers);
+    curl_easy_cleanup(curl);
+    return response;
+}
+}  // namespace
+
+HttpResponse httpRequest(const std::string& method, unsigned short port, const std::string& target,
+                         const std::string& body, const std::string& credentials,
+                         std::chrono::milliseconds timeout) {
+    return request("127.0.0.1", method, port, target, body, credentials, timeout);
+}
+
+HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
+                           const std::string& target, std::chrono::milliseconds timeout) {
+    return request(host, method, port, target, {}, {}, timeout);
+}
+
+bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (httpRequest("POST", port, "/get", R"({"Path": "$"})", "anon:anon",
+                        std::chrono::milliseconds(500))
+                .status == 200)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+}  // namespace vlm::test

@@ -1,0 +1,86 @@
+#pragma once
+// Helpers shared by the tests: temporary folders, child processes of the real executable,
+// free loopback ports and a small HTTP client.
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vlm::test {
+
+/// \brief A fresh folder under the system's temporary folder, removed with its content.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content);
+bool exists(const std::string& path);
+
+/// Folder of the test binaries' build tree root (where VELMOR and the libraries are).
+std::string buildDir();
+std::string velmorPath();
+
+/// \brief A child process with its standard output and error going to files.
+class Child {
+public:
+    /// Starts program with args; env entries are added to (or replace) the environment.
+    Child(const std::string& program, const std::vector<std::string>& args,
+          const std::map<std::string, std::string>& env, const std::string& outputDir);
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    pid_t pid() const { return pid_; }
+    /// Exit status, or -signal when killed; nullopt when still running after the timeout.
+    std::optional<int> wait(std::chrono::milliseconds timeout);
+    void kill(int signal);
+    std::string output() const;
+    std::string errors() const;
+    /// Waits until the standard output contains text.
+    bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const;
+
+private:
+    pid_t pid_ = -1;
+    std::optional<int> status_;
+    std::string stdoutPath_;
+    std::string stderrPath_;
+};
+
+/// A TCP port on 127.0.0.1 that was free a moment ago.
+unsigned short freeLoopbackPort();
+
+struct HttpResponse {
+    int status = 0;  // 0 when no answer came
+    std::string body;
+    std::map<std::string, std::string> headers;  // names in lower case
+};
+
+/// One HTTP request to 127.0.0.1; credentials as "user:password" or empty.
+HttpResponse httpRequest(const std::string& method, unsigned short port, const std::string& target,
+                         const std::string& body = {}, const std::string& credentials = {},
+                         std::chrono::milliseconds timeout = std::chrono::seconds(5));
+
+/// The same to another host, without credentials.
+HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
+                           const std::string& target,
+                           std::chrono::milliseconds timeout = std::chrono::seconds(2));
+
+/// Polls until a POST "/get" with the engine's credentials answers 200.
+bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout);
+
+}  // namespace vlm::test

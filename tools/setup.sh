@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, then runs the agent or the tests.
+#   tools/setup.sh run        build and start the agent (extra arguments go to VELMOR)
+#   tools/setup.sh test       build and run every test (unit, gui, network)
+#   tools/setup.sh sanitize   build with AddressSanitizer + UBSan and run the unit tests
+#   tools/setup.sh bench      build and print the benchmark figures
+set -euo pipefail
+cd "$(dirname "$0")/.."
+mode=${1:-test}
+shift || true
+
+build_packages=(build-essential cmake ninja-build pkg-config qtbase5-dev
+  libboost-system-dev libboost-thread-dev libboost-filesystem-dev rapidjson-dev
+  libcurl4-openssl-dev libavahi-compat-libdnssd-dev libgtest-dev libgmock-dev)
+test_packages=(avahi-daemon avahi-utils dbus iproute2 xvfb x11-utils wrk clang clang-format
+  libclang-rt-14-dev procps psmisc curl)
+
+install_missing() {
+  local missing=()
+  for p in "$@"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "Installing: ${missing[*]}"
+  local sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+configure_build() {
+  local dir=$1
+  shift
+  cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
+  cmake --build "$dir"
+}
+
+case "$mode" in
+  run)
+    install_missing "${build_packages[@]}"
+    configure_build build -DVELMOR_TESTS=OFF
+    exec build/VELMOR "$@"
+    ;;
+  test)
+    install_missing "${build_packages[@]}" "${test_packages[@]}"
+    configure_build build -DVELMOR_WERROR=ON
+    cd build && ctest --output-on-failure -j2 --timeout 600 "$@"
+    ;;
+  sanitize)
+    install_missing "${build_packages[@]}" "${test_packages[@]}"
+    configure_build build-asan -DVELMOR_SANITIZE=ON -DVELMOR_WERROR=ON -DCMAKE_BUILD_TYPE=Debug
+    cd build-asan && ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1 \
+      ctest --output-on-failure -j2 -L unit --timeout 600 "$@"
+    ;;
+  bench)
+    install_missing "${build_packages[@]}" "${test_packages[@]}"
+    configure_build build -DCMAKE_BUILD_TYPE=Release
+    for b in build/bench_*; do [ -x "$b" ] && "$b"; done
+    for s in bench/*.sh; do [ -x "$s" ] && "$s"; done
+    ;;
+  *)
+    echo "usage: $0 run|test|sanitize|bench" >&2
+    exit 2
+    ;;
+esac
