@@ -157,7 +157,8 @@ std::string EngineDocument::get(const std::string& path) const {
 
 std::optional<std::string> EngineDocument::setInterfaceFilters(const std::string& body) {
     rapidjson::Document document;
-    document.Parse(body.c_str(), body.size());
+    // Bodies come from the network: a deeply nested one must not exhaust the stack.
+    document.Parse<rapidjson::kParseIterativeFlag>(body.c_str(), body.size());
     if (document.HasParseError() || !document.IsArray() || document.Size() > kMaxFilters)
         return std::nullopt;
     std::vector<InterfaceFilter> filters;

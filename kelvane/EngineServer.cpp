@@ -1,11 +1,11 @@
 #include "EngineServer.h"
 
+#include <rapidjson/document.h>
 #include <algorithm>
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <optional>
-#include <rapidjson/document.h>
 
 #include "Log.h"
 
@@ -23,6 +23,7 @@ namespace {
 constexpr const char* kCredentials = "YW5vbjphbm9u";
 constexpr const char* kServerName = "Kelvane";
 constexpr const char* kJson = "application/json";
+constexpr std::size_t kBufferSlack = 16 * 1024;
 
 struct Shared {
     std::shared_ptr<EngineDocument> document;
@@ -46,11 +47,20 @@ std::string htmlEscape(const std::string& text) {
     std::string out;
     for (char c : text) {
         switch (c) {
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '&': out += "&amp;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '&':
+                out += "&amp;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -95,7 +105,11 @@ std::string statusPage(const EngineDocument& document) {
 class Session : public std::enable_shared_from_this<Session> {
 public:
     Session(tcp::socket socket, std::shared_ptr<const Shared> shared)
-        : stream_(std::move(socket)), shared_(std::move(shared)) {}
+        : stream_(std::move(socket)),
+          // Bounded so that a line the parser cannot finish (an endless chunk header) fails
+          // instead of growing; bodies pass through it into the request piece by piece.
+          buffer_(shared->limits.headerBytes + kBufferSlack),
+          shared_(std::move(shared)) {}
 
     void run() {
         net::dispatch(stream_.get_executor(), [self = shared_from_this()] { self->read(); });
@@ -106,7 +120,33 @@ private:
         parser_.emplace();
         parser_->header_limit(shared_->limits.headerBytes);
         parser_->body_limit(shared_->limits.bodyBytes);
-        stream_.expires_after(std::chrono::seconds(shared_->limits.idleSeconds));
+        // One deadline for the whole request, so a client trickling bytes cannot hold on.
+        stream_.expires_after(shared_->limits.idle);
+        http::async_read_header(stream_, buffer_, *parser_,
+                                beast::bind_front_handler(&Session::onHeader, shared_from_this()));
+    }
+
+    void onHeader(beast::error_code error, std::size_t) {
+        if (error)
+            return onRead(error, 0);
+        // A client that asks before sending its body would otherwise wait for an answer
+        // that never comes.
+        if (!parser_->is_done() &&
+            beast::iequals(parser_->get()[http::field::expect], "100-continue")) {
+            auto interim = std::make_shared<http::response<http::empty_body>>(
+                http::status::continue_, parser_->get().version());
+            http::async_write(
+                stream_, *interim,
+                [self = shared_from_this(), interim](beast::error_code writeError, std::size_t) {
+                    if (!writeError)
+                        self->readBody();
+                });
+            return;
+        }
+        readBody();
+    }
+
+    void readBody() {
         http::async_read(stream_, buffer_, *parser_,
                          beast::bind_front_handler(&Session::onRead, shared_from_this()));
     }
@@ -118,7 +158,8 @@ private:
             return fail(http::status::request_header_fields_too_large);
         if (error == http::error::body_limit)
             return fail(http::status::payload_too_large);
-        if (error && &error.category() == &http::make_error_code(http::error::bad_target).category())
+        if (error &&
+            &error.category() == &http::make_error_code(http::error::bad_target).category())
             return fail(http::status::bad_request);
         if (error)  // timed out, reset or shut down: nobody to answer
             return;
@@ -155,7 +196,8 @@ private:
 
     void get(const Request& request) {
         rapidjson::Document body;
-        body.Parse(request.body().c_str(), request.body().size());
+        // Iterative: a deeply nested body must not exhaust the stack.
+        body.Parse<rapidjson::kParseIterativeFlag>(request.body().c_str(), request.body().size());
         if (body.HasParseError() || !body.IsObject() || !body.HasMember("Path") ||
             !body["Path"].IsString())
             return send(reply(request, http::status::bad_request,
@@ -198,9 +240,9 @@ private:
             return send(std::move(response));
         }
         auto size = body.size();
-        http::response<http::file_body> response{std::piecewise_construct,
-                                                 std::make_tuple(std::move(body)),
-                                                 std::make_tuple(http::status::ok, request.version())};
+        http::response<http::file_body> response{
+            std::piecewise_construct, std::make_tuple(std::move(body)),
+            std::make_tuple(http::status::ok, request.version())};
         headers(response, request, type);
         response.content_length(size);
         send(std::move(response));
@@ -216,8 +258,7 @@ private:
     }
 
     template <class Body>
-    static void headers(http::response<Body>& response, const Request& request,
-                        const char* type) {
+    static void headers(http::response<Body>& response, const Request& request, const char* type) {
         response.set(http::field::server, kServerName);
         response.set(http::field::content_type, type);
         response.set(http::field::cache_control, "no-store");
@@ -248,7 +289,7 @@ private:
     template <class Message>
     void send(Message&& message) {
         auto held = std::make_shared<std::decay_t<Message>>(std::move(message));
-        stream_.expires_after(std::chrono::seconds(shared_->limits.idleSeconds));
+        stream_.expires_after(shared_->limits.idle);
         http::async_write(stream_, *held,
                           [self = shared_from_this(), held](beast::error_code error, std::size_t) {
                               if (error)
@@ -273,8 +314,7 @@ private:
 /// \brief Accepts connections on one address until the context stops.
 class Listener {
 public:
-    Listener(net::io_context& context, tcp::acceptor acceptor,
-             std::shared_ptr<const Shared> shared)
+    Listener(net::io_context& context, tcp::acceptor acceptor, std::shared_ptr<const Shared> shared)
         : context_(context),
           acceptor_(std::move(acceptor)),
           retry_(context),
@@ -313,12 +353,15 @@ struct EngineServer::State {
 };
 
 EngineServer::EngineServer(std::vector<std::string> pluginFolders, std::string webAppFolder,
-                           bool master)
+                           bool master, ServerLimits limits)
     : pluginFolders_(std::move(pluginFolders)),
       webAppFolder_(std::move(webAppFolder)),
-      master_(master) {}
+      master_(master),
+      limits_(limits) {}
 
-EngineServer::~EngineServer() { stop(); }
+EngineServer::~EngineServer() {
+    stop();
+}
 
 bool EngineServer::start(const std::vector<InterfaceFilter>& filters, std::uint16_t port,
                          std::string& error) {
@@ -368,16 +411,16 @@ bool EngineServer::start(const std::vector<InterfaceFilter>& filters, std::uint1
     }
 
     port_ = chosen;
-    auto shared = std::make_shared<Shared>(Shared{
-        std::make_shared<EngineDocument>(pluginFolders_, filters, master_, port_),
-        WebAppFiles(webAppFolder_), ServerLimits{}});
+    auto shared = std::make_shared<Shared>(
+        Shared{std::make_shared<EngineDocument>(pluginFolders_, filters, master_, port_),
+               WebAppFiles(webAppFolder_), limits_});
     for (auto& acceptor : acceptors) {
         auto endpoint = acceptor.local_endpoint();
         state->listeners.push_back(
             std::make_unique<Listener>(state->context, std::move(acceptor), shared));
         state->listeners.back()->accept();
-        VLM_LOG(6, "Engine web server listening on %s:%u\n",
-                endpoint.address().to_string().c_str(), static_cast<unsigned>(endpoint.port()));
+        VLM_LOG(6, "Engine web server listening on %s:%u\n", endpoint.address().to_string().c_str(),
+                static_cast<unsigned>(endpoint.port()));
     }
     state_ = std::move(state);
     unsigned count = std::clamp(std::thread::hardware_concurrency(), 2u, 4u);

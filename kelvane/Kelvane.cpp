@@ -1,5 +1,6 @@
 #include "Kelvane.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -56,7 +57,12 @@ int KLV_AddInterfaceFilter(const char* address, const char* netmask) {
         return -1;
     }
     std::lock_guard<std::mutex> lock(engineMutex);
-    pendingFilters.push_back({address, netmask});
+    // A caller retrying a failed start adds its filters again: keep each pair once.
+    auto same = [&](const kelvane::InterfaceFilter& f) {
+        return f.ip == address && f.mask == netmask;
+    };
+    if (std::none_of(pendingFilters.begin(), pendingFilters.end(), same))
+        pendingFilters.push_back({address, netmask});
     return 0;
 }
 

@@ -55,8 +55,9 @@ case "$mode" in
   bench)
     install_missing "${build_packages[@]}" "${test_packages[@]}"
     configure_build build -DCMAKE_BUILD_TYPE=Release
-    for b in build/bench_*; do [ -x "$b" ] && "$b"; done
-    for s in bench/*.sh; do [ -x "$s" ] && "$s"; done
+    for b in build/bench_* bench/*.sh; do
+      if [ -f "$b" ] && [ -x "$b" ]; then "$b"; fi
+    done
     ;;
   *)
     echo "usage: $0 run|test|sanitize|bench" >&2
