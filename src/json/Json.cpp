@@ -73,13 +73,9 @@ Value& ensurePath(Document& document, std::initializer_list<const char*> keys) {
             current->SetObject();
         }
         Value name;
-        const auto length = static_cast<rapidjson::SizeType>(std::strlen(key));
-        if (allocator.allocationProhibited)
-            say("rapidjson: SetStringRaw(%s): error: allocation prohibited\n", key);
-        char* copy = static_cast<char*>(allocator.Malloc(length + 1));
-        std::memcpy(copy, key, length);
-        copy[length] = '\0';
-        name.SetString(rapidjson::StringRef(copy, length));
+        setString(name, key, static_cast<rapidjson::SizeType>(std::strlen(key)), true, &allocator);
+        if (!name.IsString())
+            return *current;
         current->AddMember(name, Value(rapidjson::kObjectType), allocator);
         current = &checkedMember(*current, key);
     }

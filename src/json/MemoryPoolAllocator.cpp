@@ -24,6 +24,19 @@ std::size_t roundUp(std::size_t size) {
     return static_cast<std::uint32_t>((static_cast<std::uint32_t>(size) + 3u) & ~3u);
 }
 
+// The figures are 32-bit counters; they wrap rather than overflow.
+std::int32_t add32(std::int32_t figure, std::uint32_t amount) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(figure) + amount);
+}
+
+// Value and member tables (multiples of 8 bytes) hold pointers: they start on an 8-byte
+// boundary, which the 4-byte rounding alone would not give them.
+std::size_t padding(const char* at, std::size_t size) {
+    if (size % 8 != 0)
+        return 0;
+    return (8 - reinterpret_cast<std::uintptr_t>(at) % 8) % 8;
+}
+
 void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void say(const char* format, ...) {
     va_list args;
@@ -52,16 +65,7 @@ void setStatisticsVerbose(bool verbose) {
 MemoryPoolAllocator::MemoryPoolAllocator(std::size_t chunkSize,
                                          rapidjson::CrtAllocator* baseAllocator)
     : chunkCapacity_(chunkSize), baseAllocator_(baseAllocator) {
-    {
-        std::lock_guard<std::recursive_mutex> lock(statisticsMutex());
-        AllocatorStatistics& figures = statistics();
-        if (figures.enabled) {
-            ++figures.allocators;
-            if (figures.verbose)
-                say("[0x%x] rapidJson: MemoryPoolAllocator ctor: %i\n",
-                    static_cast<unsigned>(allocatorId), figures.allocators);
-        }
-    }
+    countAllocator();
     if (!baseAllocator_)
         baseAllocator_ = ownBaseAllocator_ = new rapidjson::CrtAllocator();
     addChunk(chunkCapacity_);
@@ -70,11 +74,7 @@ MemoryPoolAllocator::MemoryPoolAllocator(std::size_t chunkSize,
 MemoryPoolAllocator::MemoryPoolAllocator(void* buffer, std::size_t size, std::size_t chunkSize,
                                          rapidjson::CrtAllocator* baseAllocator)
     : chunkCapacity_(chunkSize), userBuffer_(buffer), baseAllocator_(baseAllocator) {
-    {
-        std::lock_guard<std::recursive_mutex> lock(statisticsMutex());
-        if (statistics().enabled)
-            ++statistics().allocators;
-    }
+    countAllocator();
     if (!baseAllocator_)
         baseAllocator_ = ownBaseAllocator_ = new rapidjson::CrtAllocator();
     if (buffer && size > kChunkHeaderSize) {
@@ -98,19 +98,32 @@ MemoryPoolAllocator::~MemoryPoolAllocator() {
     }
 }
 
+void MemoryPoolAllocator::countAllocator() {
+    std::lock_guard<std::recursive_mutex> lock(statisticsMutex());
+    AllocatorStatistics& figures = statistics();
+    if (figures.enabled) {
+        ++figures.allocators;
+        if (figures.verbose)
+            say("[0x%x] rapidJson: MemoryPoolAllocator ctor: %i\n",
+                static_cast<unsigned>(allocatorId), figures.allocators);
+    }
+}
+
 void MemoryPoolAllocator::Clear() {
     {
         std::lock_guard<std::recursive_mutex> lock(statisticsMutex());
         AllocatorStatistics& figures = statistics();
         if (figures.enabled) {
-            std::int32_t sum = 0;
-            for (ChunkHeader* chunk = chunkHead_; chunk && chunk != userBuffer_; chunk = chunk->next)
-                sum += static_cast<std::int32_t>(chunk->capacity);
-            figures.memory -= sum;
+            std::uint32_t sum = 0;
+            for (ChunkHeader* chunk = chunkHead_; chunk && chunk != userBuffer_;
+                 chunk = chunk->next)
+                sum += static_cast<std::uint32_t>(chunk->capacity);
+            figures.memory = add32(figures.memory, 0u - sum);
             figures.lastCleared = figures.memory;
             if (figures.verbose)
                 say("[0x%x] rapidJson: MemoryPoolAllocator: clear(%i): memory: %i\n",
-                    static_cast<unsigned>(allocatorId), sum, figures.memory);
+                    static_cast<unsigned>(allocatorId), static_cast<std::int32_t>(sum),
+                    figures.memory);
         }
     }
     freeChunks();
@@ -145,7 +158,7 @@ bool MemoryPoolAllocator::addChunk(std::size_t capacity) {
         std::lock_guard<std::recursive_mutex> lock(statisticsMutex());
         AllocatorStatistics& figures = statistics();
         if (figures.enabled) {
-            figures.memory += static_cast<std::int32_t>(capacity);
+            figures.memory = add32(figures.memory, static_cast<std::uint32_t>(capacity));
             figures.lastAdded = figures.memory;
             if (figures.verbose)
                 say("[0x%x] rapidJson: MemoryPoolAllocator: AddChunk: memory: %i\n",
@@ -174,10 +187,13 @@ void* MemoryPoolAllocator::Malloc(std::size_t size) {
     if (!size)
         return nullptr;
     size = roundUp(size);
-    if (!chunkHead_ || chunkHead_->size + size > chunkHead_->capacity) {
+    std::size_t pad = chunkHead_ ? padding(data(chunkHead_) + chunkHead_->size, size) : 0;
+    if (!chunkHead_ || chunkHead_->size + pad + size > chunkHead_->capacity) {
         if (!addChunk(chunkCapacity_ > size ? chunkCapacity_ : size))
             return nullptr;
+        pad = padding(data(chunkHead_), size);
     }
+    chunkHead_->size += pad;
     void* buffer = data(chunkHead_) + chunkHead_->size;
     chunkHead_->size += size;
     return buffer;

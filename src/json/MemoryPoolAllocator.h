@@ -48,9 +48,6 @@ public:
     void* Realloc(void* originalPtr, std::size_t originalSize, std::size_t newSize);
     static void Free(void*) {}
 
-    bool allocationProhibited = false;
-    std::int32_t allocatorId = -1;
-
 private:
     struct ChunkHeader {
         std::uint64_t capacity;
@@ -59,7 +56,10 @@ private:
     };
     static_assert(sizeof(ChunkHeader) == kChunkHeaderSize, "three 64-bit words");
 
-    static char* data(ChunkHeader* chunk) { return reinterpret_cast<char*>(chunk) + kChunkHeaderSize; }
+    static char* data(ChunkHeader* chunk) {
+        return reinterpret_cast<char*>(chunk) + kChunkHeaderSize;
+    }
+    void countAllocator();
     bool addChunk(std::size_t capacity);
     void freeChunks();
 
@@ -68,6 +68,11 @@ private:
     void* userBuffer_ = nullptr;
     rapidjson::CrtAllocator* baseAllocator_;
     rapidjson::CrtAllocator* ownBaseAllocator_ = nullptr;
+
+public:
+    /// Allocation still succeeds; every allocation then reports itself.
+    bool allocationProhibited = false;
+    std::int32_t allocatorId = -1;
 };
 
 }  // namespace vlm::json
