@@ -1,0 +1,130 @@
+#pragma once
+// The service browser and the chain each announcement starts: resolve, then the A query.
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include "bonjour_client.h"
+#include "zeroconf/browser.h"
+
+namespace zeroconf {
+
+/// The instance part of a DNS-SD full name, up to its first unescaped dot (escapes kept).
+/// Throws std::runtime_error "illegal service name" when there is no such dot.
+std::string instance_part(const char* fullname);
+
+/// Undoes the DNS escapes of an instance name: "\." and "\\" and decimal "\DDD".
+std::string unescape_instance_name(const std::string& instance);
+
+/// \brief A browse made through bonjour_client::create_browser.
+class bonjour_browser : public browser {
+public:
+    class impl;
+
+    bonjour_browser(boost::shared_ptr<bonjour_client> owner,
+                    boost::shared_ptr<browser_listener> listener, const std::string& name_filter,
+                    const std::string& type, const char* domain, std::uint32_t interface_index,
+                    bool reconfirm);
+    ~bonjour_browser() override;
+
+    void refresh() override;
+
+private:
+    boost::shared_ptr<impl> impl_;
+};
+
+class resolver_context;
+
+/// \brief The open browse and the state shared with the resolves it starts.
+class bonjour_browser::impl : public browser, public dns_service {
+public:
+    impl(boost::shared_ptr<bonjour_client> owner, boost::shared_ptr<browser_listener> listener,
+         const std::string& name_filter, const std::string& type, const char* domain,
+         std::uint32_t interface_index, bool reconfirm);
+    ~impl() override;
+
+private:
+    static void DNSSD_API browse_reply(DNSServiceRef sd_ref, DNSServiceFlags flags,
+                                       std::uint32_t interface_index, DNSServiceErrorType error,
+                                       const char* name, const char* type, const char* domain,
+                                       void* context);
+    void on_browse(DNSServiceFlags flags, std::uint32_t interface_index, DNSServiceErrorType error,
+                   const char* name, const char* type, const char* domain);
+    void start_resolve(DNSServiceFlags flags, std::uint32_t interface_index, const char* name,
+                       const char* type, const char* domain);
+
+    std::string name_filter_;
+    boost::shared_ptr<std::uint32_t> generation_;
+    bool reconfirm_;
+    // Resolves DNS-SD refused to start: never served, freed with the browse.
+    std::vector<std::unique_ptr<resolver_context>> abandoned_;
+};
+
+/// \brief Resolves one announced instance, then queries its IPv4 address, in one sd_ref_.
+class bonjour_resolver : public dns_service {
+public:
+    bonjour_resolver(boost::shared_ptr<bonjour_client> owner, std::string type,
+                     boost::shared_ptr<browser_listener> listener,
+                     boost::shared_ptr<std::uint32_t> generation, bool reconfirm);
+
+private:
+    friend class resolver_context;
+
+    std::string type_;
+    boost::shared_ptr<browser_listener> listener_;
+    boost::shared_ptr<std::uint32_t> generation_;
+    std::uint32_t generation_value_;
+    bool reconfirm_;
+
+    std::uint32_t interface_index_ = 0;
+    std::string name_;
+    std::string host_;
+    std::uint16_t port_ = 0;
+    std::vector<std::string> txt_;
+};
+
+/// \brief Owns a resolver while its operations run; the context pointer DNS-SD hands back.
+/// Destroying it closes whatever operation is open.
+class resolver_context {
+public:
+    explicit resolver_context(boost::shared_ptr<bonjour_resolver> resolver);
+    virtual ~resolver_context();
+    resolver_context(const resolver_context&) = delete;
+    resolver_context& operator=(const resolver_context&) = delete;
+
+    /// Opens the resolve; false (logged) when DNS-SD refuses it.
+    bool start(DNSServiceFlags flags, std::uint32_t interface_index, const char* name,
+               const char* type, const char* domain);
+    /// The stale check the poll thread runs while the operation's socket is quiet.
+    static void check_stale(void* context);
+
+private:
+    static void DNSSD_API resolve_reply(DNSServiceRef sd_ref, DNSServiceFlags flags,
+                                        std::uint32_t interface_index, DNSServiceErrorType error,
+                                        const char* fullname, const char* host, std::uint16_t port,
+                                        std::uint16_t txt_length, const unsigned char* txt,
+                                        void* context);
+    static void DNSSD_API query_reply(DNSServiceRef sd_ref, DNSServiceFlags flags,
+                                      std::uint32_t interface_index, DNSServiceErrorType error,
+                                      const char* fullname, std::uint16_t type,
+                                      std::uint16_t record_class, std::uint16_t length,
+                                      const void* data, std::uint32_t ttl, void* context);
+    void on_resolve(std::uint32_t interface_index, DNSServiceErrorType error, const char* fullname,
+                    const char* host, std::uint16_t port, std::uint16_t txt_length,
+                    const unsigned char* txt);
+    void on_query(std::uint32_t interface_index, DNSServiceErrorType error, const char* fullname,
+                  std::uint16_t type, std::uint16_t record_class, std::uint16_t length,
+                  const void* data);
+    void mark_started();
+
+    std::chrono::nanoseconds start_time_{0};
+    bool active_ = false;
+    boost::shared_ptr<bonjour_resolver> resolver_;
+};
+
+}  // namespace zeroconf
