@@ -11,6 +11,7 @@
 #include "Log.h"
 #include "SingletonApp.h"
 #include "platform/Platform.h"
+#include "theme/QCVTheme.h"
 
 namespace vlm {
 
@@ -75,7 +76,7 @@ int runEngineServer(bool master, std::int64_t agentPid) {
     return 0;
 }
 
-int runAgent(QApplication& application) {
+int runAgent(QApplication& application, const MainWindowFactory& makeMainWindow) {
     QSingletonApp singleton;
     const QString name = QString::fromStdString(platform::singleInstanceServerName());
     if (singleton.claim(name, kSingletonConnectMs)) {
@@ -92,8 +93,12 @@ int runAgent(QApplication& application) {
     // Monospace hint with a proportional family is how the agent has always looked.
     font.setStyleHint(QFont::Monospace, QFont::PreferDefault);
     QApplication::setFont(font);
+    QCVTheme::instance().applyTheme();
 
-    return application.exec();
+    std::unique_ptr<QWidget> mainWindow = makeMainWindow ? makeMainWindow() : nullptr;
+    const int result = application.exec();
+    mainWindow.reset();
+    return result;
 }
 
 }  // namespace vlm

@@ -3,8 +3,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 
 class QApplication;
+class QWidget;
 
 namespace vlm {
 
@@ -18,8 +20,11 @@ extern std::function<void()> showWebApp;
 int runConsoleEngineServer(QApplication& application, bool master);
 /// Engine-server role: the engine runs while the agent process agentPid lives.
 int runEngineServer(bool master, std::int64_t agentPid);
-/// Agent role: single-instance guard, banner, font, then the event loop.
-int runAgent(QApplication& application);
+/// Builds the agent's main window; main() supplies it, as the tray lives above this library.
+using MainWindowFactory = std::function<std::unique_ptr<QWidget>()>;
+
+/// Agent role: single-instance guard, banner, font, theme, main window, then the event loop.
+int runAgent(QApplication& application, const MainWindowFactory& makeMainWindow);
 
 /// The banner the agent writes to standard output, one element per write.
 const char* const* agentBanner();

@@ -1,9 +1,12 @@
 #include <QApplication>
 #include <cstdlib>
 
+#include "Agent/Agent.h"
 #include "AppConfig.h"
 #include "CommandLine.h"
+#include "MainWindow/MainWindow.h"
 #include "Roles.h"
+#include "theme/QCVTheme.h"
 
 namespace {
 // Server roles run on headless machines: without a display Qt gets its offscreen platform.
@@ -31,5 +34,8 @@ int main(int argc, char* argv[]) {
         return vlm::runConsoleEngineServer(application, master);
     if (engineServer)
         return vlm::runEngineServer(master, agentPid);
-    return vlm::runAgent(application);
+    return vlm::runAgent(application, [] {
+        vlm::darkModeQuery = [] { return vlm::QCVTheme::instance().isDark(); };
+        return std::make_unique<vlm::MainWindow>(vlm::Agent::instance());
+    });
 }

@@ -1,13 +1,22 @@
 #include "Agent/Agent.h"
 
 #include <QCoreApplication>
+#include <QIcon>
+#include <boost/make_shared.hpp>
 #include <QPixmap>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
 
+#include "Agent/BrowserListener.h"
+#include "Agent/EndpointProbe.h"
 #include "AppConfig.h"
 #include "Log.h"
+#include "Roles.h"
+#include "platform/Platform.h"
+#include "theme/QCVSplashWindow.h"
+#include "theme/QCVTheme.h"
+#include "zeroconf/client.h"
 
 namespace vlm {
 
@@ -17,6 +26,12 @@ constexpr int kStartupRounds = 16;
 constexpr int kFirstAcceptedRound = 4;
 // After this round without a server, Hybrid starts its own engine and Slave gives up.
 constexpr int kLocalFallbackRound = 3;
+constexpr int kSplashWidth = 600;
+constexpr int kSplashHeight = 250;
+// Negative: the client clamps it to 0, every interface.
+constexpr int kAnyInterface = -1;
+constexpr const char* kServerType = "_http._tcp";
+constexpr const char* kServerSubtype = "_ravenna";
 }  // namespace
 
 Agent& Agent::instance() {
@@ -46,6 +61,27 @@ Agent::Agent(AppConfig& config)
 Agent::~Agent() {
     if (engineWatcher && engineWatcher->joinable())
         engineWatcher->join();
+}
+
+void Agent::start() {
+    auto client = zeroconf::client::create(kAnyInterface);
+    auto listener = boost::make_shared<BrowserListener>(
+        *this, probeLocalAddress(config_.document.get()));
+    browser = client->create_browser("", kServerType, kServerSubtype, listener, false);
+
+    // Only the agent role shows the splash, so only it pays for the picture.
+    initThemeResources();
+    const QSize size(kSplashWidth, kSplashHeight);
+    splashPixmap = std::make_unique<QPixmap>(
+        QIcon(":/splash_screen").pixmap(size * dpiScale, QIcon::Normal, QIcon::On));
+    const QString title = "Version " + QString::fromStdString(platform::versionText());
+    QCVSplashWindow::run(nullptr, size, splashPixmap.get(), title,
+                         [this](QCVSplashWindow::IWindow* window) {
+                             return runStartup([window](const QString& text) {
+                                 window->showMessage(text);
+                             });
+                         },
+                         dpiScale);
 }
 
 std::string Agent::attachedEndpoint() {

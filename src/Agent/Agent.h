@@ -14,11 +14,17 @@
 #include <utility>
 #include <vector>
 
+#include <boost/shared_ptr.hpp>
+
 #include "json/Json.h"
 
 class QNetworkInterface;
 class QPixmap;
 class QString;
+
+namespace zeroconf {
+class browser;
+}
 
 namespace vlm {
 
@@ -113,6 +119,8 @@ public:
     std::vector<std::string> interfaceHardwareIds;
     std::vector<Listener*> listeners;
     std::mutex mutex;
+    // The browse for engine servers, open for the life of the process.
+    boost::shared_ptr<zeroconf::browser> browser;
 
     std::string attachedName;
     std::string attachedServer;

@@ -29,6 +29,9 @@ protected:
         vlm::lastAttachedAddress().clear();
     }
     void TearDown() override {
+        // A watcher still running would report a death to the tray about to be destroyed.
+        if (agent && agent->engineWatcher && agent->engineWatcher->joinable())
+            agent->engineWatcher->join();
         window.reset();
         agent.reset();
     }
