@@ -4,7 +4,7 @@
 // socket.
 
 #include <arpa/inet.h>
-#include <dns_sd.h>
+#include "velmor_dnssd.h"
 #include <netinet/in.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -24,15 +24,6 @@
 
 #define FAKE_EXPORT extern "C" __attribute__((visibility("default")))
 
-extern "C" {
-typedef uint32_t DNSServiceProtocol;
-typedef void(DNSSD_API* DNSServiceGetAddrInfoReply)(DNSServiceRef sdRef, DNSServiceFlags flags,
-                                                    uint32_t interfaceIndex,
-                                                    DNSServiceErrorType errorCode,
-                                                    const char* hostname,
-                                                    const struct sockaddr* address, uint32_t ttl,
-                                                    void* context);
-}
 
 namespace {
 

@@ -11,51 +11,10 @@
 #include <dns_sd.h>
 
 #ifndef _WIN32
-#include <sys/socket.h>
-
-// Avahi's dns_sd.h predates DNSServiceGetAddrInfo; declared as the current dns_sd.h has it.
-extern "C" {
-
-typedef uint32_t DNSServiceProtocol;
-
-typedef void(DNSSD_API* DNSServiceGetAddrInfoReply)(DNSServiceRef sdRef, DNSServiceFlags flags,
-                                                    uint32_t interfaceIndex,
-                                                    DNSServiceErrorType errorCode,
-                                                    const char* hostname,
-                                                    const struct sockaddr* address, uint32_t ttl,
-                                                    void* context);
-
-#define ZEROCONF_HIDDEN __attribute__((visibility("hidden")))
-
-ZEROCONF_HIDDEN DNSServiceErrorType DNSSD_API
-DNSServiceGetAddrInfo(DNSServiceRef* sdRef, DNSServiceFlags flags, uint32_t interfaceIndex,
-                      DNSServiceProtocol protocol, const char* hostname,
-                      DNSServiceGetAddrInfoReply callBack, void* context);
-
-// Hidden, so that a shared library linking this one never exports the table's functions, and
-// never shadows the library the table loaded (or that library's calls to itself).
-ZEROCONF_HIDDEN int DNSSD_API DNSServiceRefSockFD(DNSServiceRef sdRef);
-ZEROCONF_HIDDEN DNSServiceErrorType DNSSD_API DNSServiceProcessResult(DNSServiceRef sdRef);
-ZEROCONF_HIDDEN void DNSSD_API DNSServiceRefDeallocate(DNSServiceRef sdRef);
-ZEROCONF_HIDDEN DNSServiceErrorType DNSSD_API DNSServiceRegister(
-    DNSServiceRef* sdRef, DNSServiceFlags flags, uint32_t interfaceIndex, const char* name,
-    const char* regtype, const char* domain, const char* host, uint16_t port, uint16_t txtLen,
-    const void* txtRecord, DNSServiceRegisterReply callBack, void* context);
-ZEROCONF_HIDDEN DNSServiceErrorType DNSSD_API DNSServiceBrowse(
-    DNSServiceRef* sdRef, DNSServiceFlags flags, uint32_t interfaceIndex, const char* regtype,
-    const char* domain, DNSServiceBrowseReply callBack, void* context);
-ZEROCONF_HIDDEN DNSServiceErrorType DNSSD_API DNSServiceResolve(
-    DNSServiceRef* sdRef, DNSServiceFlags flags, uint32_t interfaceIndex, const char* name,
-    const char* regtype, const char* domain, DNSServiceResolveReply callBack, void* context);
-ZEROCONF_HIDDEN DNSServiceErrorType DNSSD_API DNSServiceQueryRecord(
-    DNSServiceRef* sdRef, DNSServiceFlags flags, uint32_t interfaceIndex, const char* fullname,
-    uint16_t rrtype, uint16_t rrclass, DNSServiceQueryRecordReply callBack, void* context);
-ZEROCONF_HIDDEN DNSServiceErrorType DNSSD_API
-DNSServiceReconfirmRecord(DNSServiceFlags flags, uint32_t interfaceIndex, const char* fullname,
-                          uint16_t rrtype, uint16_t rrclass, uint16_t rdlen, const void* rdata);
-
-#undef ZEROCONF_HIDDEN
-}
+// Avahi's dns_sd.h predates DNSServiceGetAddrInfo; the binding's header declares it. The
+// library is compiled with hidden visibility, so a shared library linking it never exports
+// the table's functions, nor shadows the library the table loaded.
+#include "velmor_dnssd.h"
 #endif
 
 namespace zeroconf::dnssd {
