@@ -18,6 +18,7 @@
 #include <type_traits>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "velmor_dnssd.h"
 
@@ -306,6 +307,29 @@ VELMOR_EXPORT void DNSSD_API DNSServiceRefDeallocate(DNSServiceRef sdRef) {
         avahi().refDeallocate(sdRef);
 }
 
+namespace {
+
+// Avahi publishes the entries of a TXT record in reverse order; handing it the record reversed
+// publishes them in the caller's order, as Bonjour does. A malformed record goes as it came.
+std::vector<unsigned char> reversedTxt(const void* record, uint16_t length) {
+    const auto* bytes = static_cast<const unsigned char*>(record);
+    std::vector<std::pair<std::size_t, std::size_t>> entries;
+    for (std::size_t at = 0; at < length;) {
+        const std::size_t size = bytes[at];
+        if (at + 1 + size > length)
+            return {bytes, bytes + length};
+        entries.emplace_back(at, size + 1);
+        at += size + 1;
+    }
+    std::vector<unsigned char> reversed;
+    reversed.reserve(length);
+    for (auto it = entries.rbegin(); it != entries.rend(); ++it)
+        reversed.insert(reversed.end(), bytes + it->first, bytes + it->first + it->second);
+    return reversed;
+}
+
+}  // namespace
+
 VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceRegister(
     DNSServiceRef* sdRef, DNSServiceFlags flags, uint32_t interfaceIndex, const char* name,
     const char* regtype, const char* domain, const char* host, uint16_t port, uint16_t txtLen,
@@ -318,10 +342,13 @@ VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceRegister(
     handle->registerReply = callBack;
     handle->name = text(name);
     handle->noAutoRename = (flags & kDNSServiceFlagsNoAutoRename) != 0;
+    const std::vector<unsigned char> txt =
+        txtRecord ? reversedTxt(txtRecord, txtLen) : std::vector<unsigned char>();
     // Avahi refuses every flag here; the rename rule is ours to apply.
     return adopt(handle,
                  avahi().registerService(&handle->inner, 0, interfaceIndex, name, regtype, domain,
-                                         host, port, txtLen, txtRecord, onRegister, handle),
+                                         host, port, txtLen, txt.empty() ? txtRecord : txt.data(),
+                                         onRegister, handle),
                  sdRef);
 }
 
