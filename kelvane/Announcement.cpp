@@ -88,9 +88,7 @@ void announce(std::uint16_t port, bool master) {
         client->create_service(name, "_http._tcp", port, {"_ravenna"}, txt,
                                [name, port](int state) { logOutcome(name, port, state); });
     if (!registration) {
-        // Avahi refuses a name taken on this host at once, as it refuses when it is not running.
-        VLM_LOG(4, "Engine: DNS-SD unavailable (or the name is taken here); \"%s\" not announced\n",
-                name.c_str());
+        VLM_LOG(4, "Engine: DNS-SD unavailable; \"%s\" not announced\n", name.c_str());
         client.reset();
     }
 }

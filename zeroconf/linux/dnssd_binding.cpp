@@ -103,6 +103,10 @@ struct Handle {
     std::string name;  // registration: the name asked for; address query: the host name
     bool noAutoRename = false;
     bool withdraw = false;  // the daemon renamed a registration that must not be renamed
+    // A name taken on this host is refused at once by Avahi; Bonjour reports it through the
+    // callback, so the refusal waits in idleFd (readable) for the next ProcessResult.
+    bool pendingConflict = false;
+    std::string type;
     std::map<std::string, int> seen;
 
     // Guarded by the registry's mutex: the callers may end a handle from another thread, or from
@@ -266,7 +270,13 @@ VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceProcessResult(DNSServiceRe
     if (!handle)
         return kDNSServiceErr_BadReference;
     DNSServiceErrorType result = kDNSServiceErr_NoError;
-    if (handle->inner) {
+    if (!handle->inner && handle->pendingConflict && !handle->released) {
+        eventfd_t drained = 0;
+        eventfd_read(handle->idleFd, &drained);
+        handle->pendingConflict = false;
+        handle->registerReply(handle->ref(), 0, kDNSServiceErr_NameConflict, handle->name.c_str(),
+                              handle->type.c_str(), "local.", handle->context);
+    } else if (handle->inner) {
         result = avahi().processResult(handle->inner);
         if (handle->withdraw && !handle->released) {
             // Withdraws the renamed service; the caller's socket stays valid but stays quiet
@@ -345,11 +355,18 @@ VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceRegister(
     const std::vector<unsigned char> txt =
         txtRecord ? reversedTxt(txtRecord, txtLen) : std::vector<unsigned char>();
     // Avahi refuses every flag here; the rename rule is ours to apply.
-    return adopt(handle,
-                 avahi().registerService(&handle->inner, 0, interfaceIndex, name, regtype, domain,
-                                         host, port, txtLen, txt.empty() ? txtRecord : txt.data(),
-                                         onRegister, handle),
-                 sdRef);
+    DNSServiceErrorType error = avahi().registerService(
+        &handle->inner, 0, interfaceIndex, name, regtype, domain, host, port, txtLen,
+        txt.empty() ? txtRecord : txt.data(), onRegister, handle);
+    if (error == kDNSServiceErr_NameConflict && handle->noAutoRename) {
+        handle->inner = nullptr;
+        handle->idleFd = eventfd(1, EFD_CLOEXEC);
+        handle->pendingConflict = handle->idleFd >= 0;
+        handle->type = text(regtype);
+        if (handle->pendingConflict)
+            error = kDNSServiceErr_NoError;
+    }
+    return adopt(handle, error, sdRef);
 }
 
 VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceBrowse(
