@@ -12,7 +12,7 @@ char logColours[kLogLevels][kLogColourSize] = {
     "\033[31m\033[1m", "\033[31m\033[1m", "\033[31m\033[1m", "\033[31m\033[1m",
     "\033[33m\033[1m", "\033[36m\033[1m", "\033[32m\033[1m", "\033[35m\033[1m",
 };
-LogHook logHook = nullptr;
+std::atomic<LogHook> logHook{nullptr};
 std::FILE* logFile = nullptr;
 bool consoleVirtualTerminal = false;
 
@@ -82,11 +82,11 @@ void writeFile(const LineBuffer& line) {
 void logLine(std::uint32_t level, const char* file, int line, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    if (logHook) {
+    if (LogHook hook = logHook.load()) {
         LineBuffer message;
         message.appendV(format, args);
         va_end(args);
-        logHook(level, file, line, message.text());
+        hook(level, file, line, message.text());
         return;
     }
     if (level >= kLogLevels) {

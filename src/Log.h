@@ -1,6 +1,7 @@
 #pragma once
 // The "Inner Troubleshooting Logger": coloured, time-stamped lines on standard output.
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 
@@ -15,7 +16,8 @@ constexpr std::size_t kLogColourSize = 13;
 
 /// Colour sequence per level; mutable so that a sequence can be changed at run time.
 extern char logColours[kLogLevels][kLogColourSize];
-extern LogHook logHook;
+// Atomic: tests set and clear it while worker threads log.
+extern std::atomic<LogHook> logHook;
 extern std::FILE* logFile;
 extern bool consoleVirtualTerminal;
 

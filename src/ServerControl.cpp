@@ -2,8 +2,6 @@
 
 #include <curl/curl.h>
 
-#include <QNetworkInterface>
-
 #include "Agent/Agent.h"
 #include "AppConfig.h"
 #include "rapidjson/stringbuffer.h"
@@ -125,10 +123,9 @@ bool Agent::applyInterfaceFilters(const std::vector<std::string>& hardwareIds) {
     const std::string server = attachedEndpoint();
     if (server.empty())
         return true;
-    // The server gets the interfaces just chosen, not the ones this agent started with.
+    // The interfaces this agent started with: the choice just saved applies at the next start.
     InterfaceFilters filters;
-    interfaceFiltersFor(hardwareIds.empty() ? std::vector<std::string>{"0"} : hardwareIds,
-                        QNetworkInterface::allInterfaces(), filters);
+    collectInterfaceFilters(filters);
     rapidjson::StringBuffer text;
     rapidjson::Writer<rapidjson::StringBuffer> writer(text);
     writer.StartArray();

@@ -2,11 +2,11 @@
 
 #include <QCoreApplication>
 #include <QIcon>
-#include <boost/make_shared.hpp>
 #include <QPixmap>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+#include <boost/make_shared.hpp>
 
 #include "Agent/BrowserListener.h"
 #include "Agent/EndpointProbe.h"
@@ -63,25 +63,27 @@ Agent::~Agent() {
         engineWatcher->join();
 }
 
-void Agent::start() {
+void Agent::startBrowsing() {
     auto client = zeroconf::client::create(kAnyInterface);
-    auto listener = boost::make_shared<BrowserListener>(
-        *this, probeLocalAddress(config_.document.get()));
+    auto listener =
+        boost::make_shared<BrowserListener>(*this, probeLocalAddress(config_.document.get()));
     browser = client->create_browser("", kServerType, kServerSubtype, listener, false);
+}
 
+void Agent::start() {
+    startBrowsing();
     // Only the agent role shows the splash, so only it pays for the picture.
     initThemeResources();
     const QSize size(kSplashWidth, kSplashHeight);
     splashPixmap = std::make_unique<QPixmap>(
         QIcon(":/splash_screen").pixmap(size * dpiScale, QIcon::Normal, QIcon::On));
     const QString title = "Version " + QString::fromStdString(platform::versionText());
-    QCVSplashWindow::run(nullptr, size, splashPixmap.get(), title,
-                         [this](QCVSplashWindow::IWindow* window) {
-                             return runStartup([window](const QString& text) {
-                                 window->showMessage(text);
-                             });
-                         },
-                         dpiScale);
+    QCVSplashWindow::run(
+        nullptr, size, splashPixmap.get(), title,
+        [this](QCVSplashWindow::IWindow* window) {
+            return runStartup([window](const QString& text) { window->showMessage(text); });
+        },
+        dpiScale);
 }
 
 std::string Agent::attachedEndpoint() {

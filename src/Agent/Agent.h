@@ -84,6 +84,10 @@ public:
     /// Opens the browse for engine servers and runs the start-up sequence under the splash.
     void start();
 
+    /// The first half of start(): the zeroconf client and the browse whose listener attaches
+    /// this agent. Programs without a splash (test hosts, benchmarks) call it alone.
+    void startBrowsing();
+
     /// The start-up sequence of the mode; show receives the progress texts. Always 0.
     int runStartup(const std::function<void(const QString&)>& show);
 
@@ -114,6 +118,9 @@ public:
 
     /// The attached server's endpoint, read under the mutex; empty when not attached.
     std::string attachedEndpoint();
+
+    /// The configuration this agent was built on; the settings dialog reads it directly.
+    AppConfig& configuration() const { return config_; }
 
     AgentMode mode = kModeHybrid;
     std::vector<std::string> interfaceHardwareIds;

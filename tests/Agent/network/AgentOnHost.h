@@ -1,0 +1,205 @@
+#pragma once
+// An agent (agent_host_tool) and engine servers (the engine-server role of VELMOR) on test
+// hosts, and the "@" reports the tool prints. Shared by the network tests and the benchmark.
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestNet.h"
+#include "TestSupport.h"
+
+namespace vlm::test {
+
+/// Polls until done() holds; false when the time runs out first.
+inline bool eventually(const std::function<bool()>& done,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(15),
+                       std::chrono::milliseconds step = std::chrono::milliseconds(10)) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(step);
+    }
+    return true;
+}
+
+/// The log colours its lines; the texts are found once the sequences are gone.
+inline std::string withoutColours(const std::string& text) {
+    std::string plain;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\x1b') {
+            std::size_t end = text.find('m', i);
+            if (end == std::string::npos)
+                break;
+            i = end;
+            continue;
+        }
+        plain += text[i];
+    }
+    return plain;
+}
+
+/// One "@" line of the tool: kind, steady-clock time, text.
+struct AgentEvent {
+    std::string kind;
+    std::chrono::steady_clock::time_point at;
+    std::string text;
+};
+
+inline std::vector<AgentEvent> agentEvents(const std::string& output) {
+    std::vector<AgentEvent> events;
+    std::istringstream in(output);
+    for (std::string line; std::getline(in, line);) {
+        if (line.size() < 2 || line[0] != '@')
+            continue;
+        std::istringstream fields(line.substr(1));
+        AgentEvent event;
+        long long ns = 0;
+        fields >> event.kind >> ns;
+        std::getline(fields >> std::ws, event.text);
+        event.at = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(ns));
+        events.push_back(event);
+    }
+    return events;
+}
+
+/// Folders of one program's configuration (APPDATA, common, runtime), removed with it.
+struct ProgramFolders {
+    TempDir dir;
+    ProgramFolders() {
+        for (const char* folder : {"appdata", "common", "runtime"})
+            mkdir(dir.file(folder).c_str(), 0700);
+    }
+    std::string environment(int enginePort) const {
+        return "env -u VELMOR_DNSSD_LIBRARY APPDATA=" + shellQuote(dir.file("appdata")) +
+               " VELMOR_COMMON_APPDATA=" + shellQuote(dir.file("common")) +
+               " XDG_RUNTIME_DIR=" + shellQuote(dir.file("runtime")) +
+               " QT_QPA_PLATFORM=offscreen VELMOR_ENGINE_PORT=" + std::to_string(enginePort);
+    }
+};
+
+/// \brief The engine-server role on a test host; its parent is a sleeper of the test.
+class EngineOnHost {
+public:
+    EngineOnHost(const TestNet& net, const std::string& host, int port, bool master) : port_(port) {
+        parent_ =
+            std::make_unique<Child>("/bin/sleep", std::vector<std::string>{"600"},
+                                    std::map<std::string, std::string>{}, folders_.dir.path());
+        process_ =
+            net.start(host, {"sh", "-c",
+                             "exec " + folders_.environment(port) + " " + shellQuote(velmorPath()) +
+                                 " --server 1 --apid " + std::to_string(parent_->pid()) +
+                                 (master ? " --master 1" : "")});
+    }
+    std::string log() const { return withoutColours(process_->output()); }
+    bool announced(std::chrono::milliseconds timeout = std::chrono::seconds(15)) const {
+        return eventually(
+            [&] { return log().find("Engine: DNS-SD registered") != std::string::npos; }, timeout);
+    }
+    /// Killed: the host's Avahi withdraws the service as soon as its client is gone.
+    void kill() {
+        process_->kill(SIGKILL);
+        process_->wait(std::chrono::seconds(5));
+    }
+    int port() const { return port_; }
+
+private:
+    int port_;
+    ProgramFolders folders_;
+    std::unique_ptr<Child> parent_;
+    std::unique_ptr<Child> process_;
+};
+
+/// \brief agent_host_tool on a test host, with its configuration and reports.
+class AgentOnHost {
+public:
+    /// args: the tool's options after the configuration file.
+    AgentOnHost(const TestNet& net, const std::string& host, const std::string& configText,
+                const std::vector<std::string>& args, int enginePort = 18090) {
+        writeFile(folders_.dir.file("config.json"), configText);
+        std::string command = "exec " + folders_.environment(enginePort) + " " +
+                              shellQuote(buildDir() + "/agent_host_tool") + " " +
+                              shellQuote(folders_.dir.file("config.json"));
+        for (const std::string& arg : args)
+            command += " " + shellQuote(arg);
+        process_ = net.start(host, {"sh", "-c", command});
+    }
+    ~AgentOnHost() {
+        // The engine child outlives a killed agent by design; the test host must not.
+        const std::string pid = lastText("engine");
+        process_->kill(SIGKILL);
+        process_->wait(std::chrono::seconds(5));
+        if (!pid.empty() && pid != "0")
+            ::kill(std::stoi(pid), SIGKILL);
+    }
+
+    std::string log() const { return withoutColours(process_->output()); }
+    /// What a sanitizer build reported on standard error (the engine child's included), but
+    /// for the lock-order reports of libdbus inside Avahi's DNS-SD library: those locks are
+    /// taken by resolves started from a browse callback, all on the one poll thread.
+    std::string sanitizerReports() const {
+        const std::string separator = "==================\n";
+        const std::string errors = process_->errors();
+        std::string reports;
+        for (std::size_t at = errors.find("WARNING: "); at != std::string::npos;) {
+            std::size_t end = errors.find(separator, at);
+            std::string report = errors.substr(at, end == std::string::npos ? end : end - at);
+            at = end == std::string::npos ? end : errors.find("WARNING: ", end);
+            const std::size_t summary = report.find("SUMMARY:");
+            if (report.find("Sanitizer") == std::string::npos ||
+                (summary != std::string::npos &&
+                 report.find("libdbus-1.so", summary) != std::string::npos))
+                continue;
+            reports += report;
+        }
+        return reports;
+    }
+    std::vector<AgentEvent> events(const std::string& kind) const {
+        std::vector<AgentEvent> found;
+        // The log ends its colour after the newline, so the reports are read without colours.
+        for (const AgentEvent& event : agentEvents(log()))
+            if (event.kind == kind)
+                found.push_back(event);
+        return found;
+    }
+    std::string lastText(const std::string& kind) const {
+        auto found = events(kind);
+        return found.empty() ? std::string() : found.back().text;
+    }
+    /// The first event of kind with text (any text when empty), waited for.
+    std::optional<AgentEvent> waitFor(
+        const std::string& kind, const std::string& text = {},
+        std::chrono::milliseconds timeout = std::chrono::seconds(20)) const {
+        std::optional<AgentEvent> found;
+        eventually(
+            [&] {
+                for (const AgentEvent& event : events(kind))
+                    if (text.empty() || event.text == text) {
+                        found = event;
+                        return true;
+                    }
+                return !running();
+            },
+            timeout, std::chrono::milliseconds(2));
+        return found;
+    }
+    bool logHas(const std::string& line) const { return log().find(line) != std::string::npos; }
+    bool running() const { return !process_->wait(std::chrono::milliseconds(0)).has_value(); }
+    void signal(int number) { process_->kill(number); }
+
+private:
+    ProgramFolders folders_;
+    std::unique_ptr<Child> process_;
+};
+
+}  // namespace vlm::test
