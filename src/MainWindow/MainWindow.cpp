@@ -43,4 +43,26 @@ int showMessageBox(QWidget* parent, const QString& title, const QString& text,
     return box.exec();
 }
 
+QString modeWord(AgentMode mode) {
+    switch (mode) {
+        case kModeMaster:
+            return "Master";
+        case kModeSlave:
+            return "Slave";
+        case kModeHybrid:
+            return "Hybrid";
+        default:
+            return QString::number(mode);
+    }
+}
+
+bool changeAgentMode(Agent& agent, AgentMode mode, const MessageBoxFunction& messageBox) {
+    if (!agent.storeMode(mode))
+        return false;
+    messageBox(nullptr, "Mode Changed",
+               "Mode will be set to \"" + modeWord(mode) + "\" next time this Agent starts",
+               QMessageBox::Information, QMessageBox::Ok);
+    return true;
+}
+
 }  // namespace vlm

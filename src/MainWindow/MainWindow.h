@@ -6,15 +6,17 @@
 #include <functional>
 #include <memory>
 
-namespace vlm {
+#include "Agent/Agent.h"
 
-class Agent;
+namespace vlm {
 
 /// \brief Hidden window that owns the tray; closing it only hides it.
 class MainWindow : public QMainWindow {
     Q_OBJECT
 public:
     class Tray;
+    class Settings;
+    class About;
 
     /// startAgent: run the agent's start-up from the tray (tests build the window without it).
     explicit MainWindow(Agent& agent, bool startAgent = true);
@@ -38,5 +40,17 @@ extern std::function<bool()> darkModeQuery;
 /// The program's modal message box, dark when the desktop is.
 int showMessageBox(QWidget* parent, const QString& title, const QString& text,
                    QMessageBox::Icon icon, QMessageBox::StandardButtons buttons);
+
+/// showMessageBox's signature, so that tests can see the boxes without running them.
+using MessageBoxFunction = std::function<int(QWidget*, const QString&, const QString&,
+                                             QMessageBox::Icon, QMessageBox::StandardButtons)>;
+
+/// "Master", "Slave" or "Hybrid"; the number itself for any other value.
+QString modeWord(AgentMode mode);
+
+/// The tray's and the settings dialog's mode change: stores the mode for the next start and,
+/// when it was stored, tells the user so. True when stored.
+bool changeAgentMode(Agent& agent, AgentMode mode,
+                     const MessageBoxFunction& messageBox = showMessageBox);
 
 }  // namespace vlm

@@ -2,13 +2,18 @@
 
 #include <QApplication>
 #include <QDBusConnection>
-#include <QDBusInterface>
+#include <QDBusMessage>
 #include <QDesktopServices>
 #include <QMenuBar>
 #include <QUrl>
+#include <utility>
 
 #include "Log.h"
+#include "MainWindow/About.h"
+#include "MainWindow/Settings.h"
+#include "Roles.h"
 #include "platform/Platform.h"
+#include "plugins/PluginWindow.h"
 
 namespace vlm {
 
@@ -16,17 +21,6 @@ namespace {
 constexpr int kBalloonMs = 10000;
 constexpr auto kRapidDeath = std::chrono::milliseconds(30000);
 constexpr const char* kUserManualUrl = "https://www.corvane.com/velmor/VELMOR-User-Manual.pdf";
-
-QString modeWord(AgentMode mode) {
-    switch (mode) {
-        case kModeMaster:
-            return "Master";
-        case kModeSlave:
-            return "Slave";
-        default:
-            return "Hybrid";
-    }
-}
 }  // namespace
 
 std::chrono::milliseconds RestartTimer::elapsed() const {
@@ -90,12 +84,17 @@ MainWindow::Tray::Tray(MainWindow& window, Agent& agent, bool startAgent)
     connect(this, &Tray::signalEngineDied, this, &Tray::slotEngineDied);
     trayIcon->setVisible(true);
 
+    // A second agent's request lands here, as the tray's own action.
+    previousShowWebApp_ = std::exchange(vlm::showWebApp, [this] { showWebApp(); });
+
     agent.addListener(this);
     if (startAgent)
         agent.start();
 }
 
-MainWindow::Tray::~Tray() = default;
+MainWindow::Tray::~Tray() {
+    vlm::showWebApp = std::move(previousShowWebApp_);
+}
 
 void MainWindow::Tray::onAttached(const std::string& server) {
     emit signalAttachChanged(QString::fromLatin1(server.c_str()), true);
@@ -120,11 +119,13 @@ void MainWindow::Tray::defaultBalloon(const QString& title, const QString& text)
     }
     // No tray on this desktop: the notification service and the log still reach the user.
     VLM_LOG(6, "%s: %s\n", title.toUtf8().constData(), text.toUtf8().constData());
-    QDBusInterface notifications("org.freedesktop.Notifications", "/org/freedesktop/Notifications",
-                                 "org.freedesktop.Notifications", QDBusConnection::sessionBus());
-    if (notifications.isValid())
-        notifications.asyncCall("Notify", QString("VELMOR"), 0u, QString(), title, text,
-                                QStringList(), QVariantMap(), kBalloonMs);
+    // A plain message: an interface object would first introspect the service, blocking.
+    QDBusMessage notify = QDBusMessage::createMethodCall("org.freedesktop.Notifications",
+                                                         "/org/freedesktop/Notifications",
+                                                         "org.freedesktop.Notifications", "Notify");
+    notify << QString("VELMOR") << 0u << QString() << title << text << QStringList()
+           << QVariantMap() << kBalloonMs;
+    QDBusConnection::sessionBus().send(notify);
 }
 
 void MainWindow::Tray::iconActivated(QSystemTrayIcon::ActivationReason reason) {
@@ -151,11 +152,7 @@ void MainWindow::Tray::quit() {
 }
 
 void MainWindow::Tray::changeMode(AgentMode mode) {
-    if (!agent_.storeMode(mode))
-        return;
-    showMessageBox(nullptr, "Mode Changed",
-                   "Mode will be set to \"" + modeWord(mode) + "\" next time this Agent starts",
-                   QMessageBox::Information, QMessageBox::Ok);
+    changeAgentMode(agent_, mode);
 }
 
 void MainWindow::Tray::slotModeMaster() {
@@ -187,11 +184,22 @@ void MainWindow::Tray::slotUpdateModeMenu() {
     hybridAction->setChecked(agent_.mode == kModeHybrid);
 }
 
-void MainWindow::Tray::slotShowPluginsManager() {}
+// No menu entry reaches it; it stays invocable by name through the meta-object.
+void MainWindow::Tray::slotShowPluginsManager() {
+    showPluginsManager(pluginWindow_, agent_);
+}
 
-void MainWindow::Tray::showSettings() {}
+void MainWindow::Tray::showSettings() {
+    Settings settings(agent_, agent_.configuration());
+    if (settings.exec() != QDialog::Accepted)
+        return;
+    applySettings(agent_, settings.choices());
+}
 
-void MainWindow::Tray::showHelpAbout() {}
+void MainWindow::Tray::showHelpAbout() {
+    About about(agent_.splashPixmap.get(), QString::fromStdString(platform::versionText()));
+    about.exec();
+}
 
 void MainWindow::Tray::showDocumentation() {
     openUrl(QUrl(kUserManualUrl));

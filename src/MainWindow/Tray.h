@@ -8,6 +8,7 @@
 #include <QSystemTrayIcon>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 
 #include "Agent/Agent.h"
@@ -16,6 +17,8 @@
 class QUrl;
 
 namespace vlm {
+
+class PluginWindow;
 
 /// \brief Measures the time since the last engine restart; invalid before the first one.
 class RestartTimer {
@@ -93,11 +96,16 @@ public:
     /// Stores a new mode and tells the user it applies at the next start.
     void changeMode(AgentMode mode);
 
+    /// The plug-in manager window, once slotShowPluginsManager has opened it.
+    PluginWindow* pluginWindow() const { return pluginWindow_.get(); }
+
 private:
     void defaultBalloon(const QString& title, const QString& text);
 
     MainWindow& window_;
     Agent& agent_;
+    std::function<void()> previousShowWebApp_;
+    std::unique_ptr<PluginWindow> pluginWindow_;
 };
 
 /// The address the web application last opened for; one per process.

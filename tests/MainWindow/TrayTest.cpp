@@ -1,11 +1,20 @@
 #include "MainWindow/Tray.h"
 
 #include <QApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
+#include <QElapsedTimer>
+#include <QLabel>
 #include <QMessageBox>
+#include <QMetaMethod>
 #include <QTimer>
 #include <QUrl>
 
 #include "Agent/AgentFixture.h"
+#include "Roles.h"
+#include "plugins/PluginWindow.h"
+#include "theme/PrivateSessionBus.h"
 
 namespace {
 
@@ -80,7 +89,7 @@ TEST_F(TrayTest, WebAppOpensOncePerNewAddress) {
                                "Server Lost | Detached from 10.0.0.5:8080",
                                "Server Found | Attached to 10.0.0.5:8080",
                                "Server Found | Attached to 10.0.0.6:8080"}));
-    EXPECT_FALSE(tray->webAppAction->isEnabled() == false);
+    EXPECT_TRUE(tray->webAppAction->isEnabled());
 }
 
 TEST_F(TrayTest, NotificationTextIsFixed) {
@@ -142,8 +151,9 @@ TEST_F(TrayTest, RapidEngineDeathStopsTheRestarts) {
 TEST_F(TrayTest, ClosingTheWindowOnlyHidesIt) {
     build();
     window->show();
-    EXPECT_TRUE(window->close() == false || !window->isVisible());
+    EXPECT_FALSE(window->close());  // the close event is ignored
     EXPECT_FALSE(window->isVisible());
+    EXPECT_TRUE(tray->trayIcon->isVisible());
     EXPECT_NE(vlm::MainWindow::instance(), nullptr);
 }
 
@@ -164,3 +174,139 @@ TEST_F(TrayTest, ModeChangeTellsTheUserOnlyWhenStored) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(TrayTest, MetaObjectNamesEverySignalAndSlotInOrder) {
+    build();
+    const QMetaObject* meta = tray->metaObject();
+    Texts methods;
+    for (int i = meta->methodOffset(); i < meta->methodCount(); ++i) {
+        const QMetaMethod method = meta->method(i);
+        methods.push_back(
+            std::string(method.methodType() == QMetaMethod::Signal ? "signal " : "slot ") +
+            method.methodSignature().toStdString());
+    }
+    EXPECT_EQ(methods, (Texts{"signal signalAttachChanged(QString,bool)",
+                              "signal signalNotification(QString)",
+                              "signal signalEngineDied()",
+                              "slot iconActivated(QSystemTrayIcon::ActivationReason)",
+                              "slot messageClicked()",
+                              "slot showWebApp()",
+                              "slot startLocalServer()",
+                              "slot quit()",
+                              "slot slotModeMaster()",
+                              "slot slotModeSlave()",
+                              "slot slotModeHybrid()",
+                              "slot slotUpdatePopupMenu()",
+                              "slot slotUpdateModeMenu()",
+                              "slot slotShowPluginsManager()",
+                              "slot showSettings()",
+                              "slot showHelpAbout()",
+                              "slot showDocumentation()",
+                              "slot slotAttachChanged(QString,bool)",
+                              "slot slotNotification(QString)",
+                              "slot slotEngineDied()"}));
+    const QMetaMethod attach = meta->method(meta->methodOffset());
+    EXPECT_EQ(attach.parameterNames(), (QList<QByteArray>{"address", "attached"}));
+    EXPECT_NE(tray->qt_metacast("Agent::Listener"), nullptr);
+    // Unconnected but reachable by name.
+    EXPECT_TRUE(QMetaObject::invokeMethod(tray, "slotUpdateModeMenu"));
+    EXPECT_TRUE(tray->hybridAction->isChecked());
+    EXPECT_FALSE(tray->masterAction->isChecked());
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(TrayTest, SecondAgentsRequestOpensTheWebApp) {
+    build();
+    agent->attachedServer = "10.0.0.5:8080";
+    ASSERT_TRUE(vlm::showWebApp);
+    vlm::showWebApp();
+    EXPECT_EQ(opened, Texts{"http://10.0.0.5:8080"});
+    window.reset();
+    vlm::showWebApp();  // the tray is gone: nothing reaches it
+    EXPECT_EQ(opened.size(), 1u);
+}
+
+}  // namespace
+
+namespace {
+
+// Takes the calls made to the desktop's notification service.
+class NotificationService : public QDBusVirtualObject {
+public:
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection&) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (message.member() == "Notify")
+            calls.push_back(message.arguments());
+        return true;
+    }
+    QString introspect(const QString&) const override { return {}; }
+
+    std::mutex mutex;
+    std::vector<QList<QVariant>> calls;
+};
+
+TEST_F(TrayTest, WithoutATrayBalloonsGoToTheNotificationServiceAndTheLog) {
+    if (QSystemTrayIcon::isSystemTrayAvailable())
+        GTEST_SKIP() << "this desktop shows a tray";
+    vlm::test::PrivateSessionBus bus;
+    if (bus.address().isEmpty())
+        GTEST_SKIP() << "no dbus-daemon";
+    // The session bus connection is made on first use; each test runs in its own process.
+    setenv("DBUS_SESSION_BUS_ADDRESS", bus.address().toUtf8().constData(), 1);
+    NotificationService service;
+    {
+        QDBusConnection connection = QDBusConnection::connectToBus(bus.address(), "notifications");
+        ASSERT_TRUE(connection.registerService("org.freedesktop.Notifications"));
+        ASSERT_TRUE(connection.registerVirtualObject("/org/freedesktop/Notifications", &service));
+    }
+
+    agent = makeAgent();
+    window = std::make_unique<vlm::MainWindow>(*agent, false);
+    LogCapture log;
+    window->tray()->slotNotification("ignored");
+    QElapsedTimer waited;
+    waited.start();
+    auto received = [&] {
+        std::lock_guard<std::mutex> lock(service.mutex);
+        return !service.calls.empty();
+    };
+    while (!received() && waited.elapsed() < 5000) {
+        QCoreApplication::processEvents();
+        std::this_thread::sleep_for(5ms);
+    }
+    QDBusConnection::disconnectFromBus("notifications");
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+
+    ASSERT_EQ(service.calls.size(), 1u);
+    const QList<QVariant>& call = service.calls.front();
+    ASSERT_EQ(call.size(), 8);
+    EXPECT_EQ(call[0].toString(), "VELMOR");
+    EXPECT_EQ(call[1].toUInt(), 0u);
+    EXPECT_EQ(call[3].toString(), "Server Not Found");
+    EXPECT_EQ(call[4].toString(), "Could not find VELMOR server in the network");
+    EXPECT_EQ(call[7].toInt(), 10000);
+    EXPECT_EQ(log.count("Server Not Found: Could not find VELMOR server in the network\n"), 1);
+}
+
+}  // namespace
+
+TEST_F(TrayTest, PluginManagerSlotOpensTheWindowByName) {
+    // A closed loopback port: the catalogue is never looked for outside this machine.
+    qputenv("VELMOR_CATALOGUE_HOST", "127.0.0.1:1");
+    build();
+    ASSERT_EQ(tray->pluginWindow(), nullptr);
+    ASSERT_TRUE(QMetaObject::invokeMethod(tray, "slotShowPluginsManager"));
+    ASSERT_NE(tray->pluginWindow(), nullptr);
+    EXPECT_TRUE(tray->pluginWindow()->isVisible());
+    EXPECT_TRUE(tray->pluginWindow()->rows().empty());
+    bool refused = false;
+    for (QLabel* label : tray->pluginWindow()->findChildren<QLabel*>())
+        refused = refused || label->text() == "COULD NOT CONNECT TO WEBSITE";
+    EXPECT_TRUE(refused);
+    qunsetenv("VELMOR_CATALOGUE_HOST");
+}

@@ -240,4 +240,19 @@ bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout) {
     return false;
 }
 
+std::string withoutColours(const std::string& text) {
+    std::string plain;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\x1b') {
+            std::size_t end = text.find('m', i);
+            if (end == std::string::npos)
+                break;
+            i = end;
+            continue;
+        }
+        plain += text[i];
+    }
+    return plain;
+}
+
 }  // namespace vlm::test

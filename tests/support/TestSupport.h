@@ -80,6 +80,9 @@ HttpResponse httpRequestTo(const std::string& host, unsigned short port, const s
                            const std::string& target,
                            std::chrono::milliseconds timeout = std::chrono::seconds(2));
 
+/// The text of a log without its colour sequences.
+std::string withoutColours(const std::string& text);
+
 /// Polls until a POST "/get" with the engine's credentials answers 200.
 bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout);
 

@@ -33,22 +33,6 @@ inline bool eventually(const std::function<bool()>& done,
     return true;
 }
 
-/// The log colours its lines; the texts are found once the sequences are gone.
-inline std::string withoutColours(const std::string& text) {
-    std::string plain;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\x1b') {
-            std::size_t end = text.find('m', i);
-            if (end == std::string::npos)
-                break;
-            i = end;
-            continue;
-        }
-        plain += text[i];
-    }
-    return plain;
-}
-
 /// One "@" line of the tool: kind, steady-clock time, text.
 struct AgentEvent {
     std::string kind;

@@ -26,6 +26,7 @@ using vlm::test::Child;
 using vlm::test::shellQuote;
 using vlm::test::TempDir;
 using vlm::test::TestNet;
+using vlm::test::withoutColours;
 
 namespace {
 
@@ -38,22 +39,6 @@ bool eventually(const std::function<bool()>& done, std::chrono::milliseconds tim
         std::this_thread::sleep_for(20ms);
     }
     return true;
-}
-
-// The log colours its lines; the reports are found once the sequences are gone.
-std::string withoutColours(const std::string& text) {
-    std::string plain;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\x1b') {
-            std::size_t end = text.find('m', i);
-            if (end == std::string::npos)
-                break;
-            i = end;
-            continue;
-        }
-        plain += text[i];
-    }
-    return plain;
 }
 
 std::vector<std::string> splitTabs(const std::string& line) {
