@@ -17,9 +17,7 @@ namespace vlm {
 
 float dpiScale = 1.0f;
 
-std::function<void()> showWebApp = [] {
-    VLM_LOG(6, "Another agent asked to show the web application\n");
-};
+std::function<void()> showWebApp;
 
 namespace {
 constexpr int kSingletonConnectMs = 500;
@@ -50,7 +48,10 @@ void handleMessage(const QByteArray& data) {
         return;
     qint32 message = 0;
     std::memcpy(&message, data.constData(), sizeof message);
-    if (message == kShowWebAppMessage && showWebApp)
+    if (message != kShowWebAppMessage)
+        return;
+    VLM_LOG(6, "Another agent asked to show the web application\n");
+    if (showWebApp)
         showWebApp();
 }
 }  // namespace

@@ -227,7 +227,8 @@ TEST_F(TrayTest, SecondAgentsRequestOpensTheWebApp) {
     vlm::showWebApp();
     EXPECT_EQ(opened, Texts{"http://10.0.0.5:8080"});
     window.reset();
-    vlm::showWebApp();  // the tray is gone: nothing reaches it
+    if (vlm::showWebApp)
+        vlm::showWebApp();  // the tray is gone: nothing reaches it
     EXPECT_EQ(opened.size(), 1u);
 }
 
