@@ -11,7 +11,6 @@ namespace vlm {
 namespace {
 constexpr std::uint32_t kEngineFlagBase = 1;
 constexpr std::uint32_t kEngineFlagMaster = 2;
-constexpr const char* kNoFiltering = "0";
 }  // namespace
 
 std::vector<std::string> interfaceHardwareIdsFrom(json::Document* document) {
@@ -26,13 +25,13 @@ std::vector<std::string> interfaceHardwareIdsFrom(json::Document* document) {
         }
     }
     if (ids.empty())
-        ids.emplace_back(kNoFiltering);
+        ids.emplace_back(kNoInterfaceFilter);
     return ids;
 }
 
 void interfaceFiltersFor(const std::vector<std::string>& hardwareIds,
                          const QList<QNetworkInterface>& interfaces, InterfaceFilters& out) {
-    if (hardwareIds.size() == 1 && hardwareIds.front() == kNoFiltering)
+    if (hardwareIds.size() == 1 && hardwareIds.front() == kNoInterfaceFilter)
         return;
     for (const std::string& id : hardwareIds) {
         for (const QNetworkInterface& interface : interfaces) {
@@ -54,7 +53,7 @@ void interfaceFiltersFor(const std::vector<std::string>& hardwareIds,
 }
 
 void Agent::collectInterfaceFilters(InterfaceFilters& out) const {
-    if (interfaceHardwareIds.size() == 1 && interfaceHardwareIds.front() == kNoFiltering)
+    if (interfaceHardwareIds.size() == 1 && interfaceHardwareIds.front() == kNoInterfaceFilter)
         return;
     // The interface list is taken afresh for each id, as interfaces may come and go.
     for (const std::string& id : interfaceHardwareIds)

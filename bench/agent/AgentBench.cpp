@@ -143,20 +143,9 @@ void discovery(const TestNet& net) {
 
 void engineDeath() {
     vlm::test::TempDir dir;
-    for (const char* folder : {"appdata", "common", "runtime", "out"})
-        mkdir(dir.file(folder).c_str(), 0700);
-    vlm::test::writeFile(dir.file("config.json"), "{}");
     const unsigned short port = vlm::test::freeLoopbackPort();
-    Child agent(vlm::test::buildDir() + "/agent_host_tool",
-                {dir.file("config.json"), "--no-browse", "--no-startup", "--engine",
-                 vlm::test::velmorPath()},
-                {{"APPDATA", dir.file("appdata")},
-                 {"VELMOR_COMMON_APPDATA", dir.file("common")},
-                 {"XDG_RUNTIME_DIR", dir.file("runtime")},
-                 {"QT_QPA_PLATFORM", "offscreen"},
-                 {"VELMOR_DNSSD_LIBRARY", dir.file("no-dnssd/libvelmor_dnssd.so")},
-                 {"VELMOR_ENGINE_PORT", std::to_string(port)}},
-                dir.file("out"));
+    std::unique_ptr<Child> tool = vlm::test::startLocalAgentTool(dir, port);
+    Child& agent = *tool;
     auto events = [&agent](const std::string& kind) {
         std::vector<vlm::test::AgentEvent> found;
         for (const auto& event : vlm::test::agentEvents(vlm::test::withoutColours(agent.output())))

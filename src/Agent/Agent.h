@@ -37,6 +37,9 @@ constexpr AgentMode kModeMaster = 1;
 constexpr AgentMode kModeSlave = 2;
 constexpr AgentMode kModeHybrid = 4;
 
+/// The hardware-id list that means "no interface filtering: every interface".
+constexpr const char* kNoInterfaceFilter = "0";
+
 /// (IPv4 address, netmask) in dotted form.
 using InterfaceFilter = std::pair<std::string, std::string>;
 using InterfaceFilters = std::vector<InterfaceFilter>;

@@ -25,7 +25,6 @@ constexpr int kButtonHeight = 26;
 constexpr int kWidth = 640;
 constexpr int kHeight = 480;
 constexpr const char* kAll = "All";
-constexpr const char* kAllInterfaces = "0";
 
 std::string stringMember(const json::Value& object, const char* name) {
     const json::Value& value = json::checkedMember(object, name);
@@ -136,7 +135,7 @@ MainWindow::Settings::Settings(Agent& agent, AppConfig& config,
     layout->addWidget(new QLabel("Discovery Filter:", this));
     discoveryModel = new QStandardItemModel(this);
     const std::vector<std::string> filter = discoveryFilter(agent, config);
-    const bool all = !filter.empty() && filter.front() == kAllInterfaces;
+    const bool all = !filter.empty() && filter.front() == kNoInterfaceFilter;
     auto* allRow = new QStandardItem(kAll);
     allRow->setCheckable(true);
     allRow->setCheckState(all ? Qt::Checked : Qt::Unchecked);
@@ -217,7 +216,7 @@ MainWindow::Settings::Choices MainWindow::Settings::choices() const {
         if (item->checkState() != Qt::Checked)
             continue;
         if (row == 0) {
-            choices.discoveryFilter = {kAllInterfaces};
+            choices.discoveryFilter = {kNoInterfaceFilter};
             break;
         }
         choices.discoveryFilter.push_back(

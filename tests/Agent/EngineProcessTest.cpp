@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "AgentFixture.h"
+#include "network/AgentOnHost.h"
 
 namespace {
 
@@ -87,20 +88,9 @@ TEST_F(EngineProcess, ChildThatCannotStartDiesOneWatchIntervalLater) {
 // must notice on its own, since nobody stops it.
 TEST(EngineChildOfAKilledAgent, EndsItselfWithinElevenSeconds) {
     TempDir dir;
-    for (const char* folder : {"appdata", "common", "runtime", "out"})
-        mkdir(dir.file(folder).c_str(), 0700);
-    vlm::test::writeFile(dir.file("config.json"), "{}");
     const unsigned short port = vlm::test::freeLoopbackPort();
-    Child agent(vlm::test::buildDir() + "/agent_host_tool",
-                {dir.file("config.json"), "--no-browse", "--no-startup", "--engine",
-                 vlm::test::velmorPath()},
-                {{"APPDATA", dir.file("appdata")},
-                 {"VELMOR_COMMON_APPDATA", dir.file("common")},
-                 {"XDG_RUNTIME_DIR", dir.file("runtime")},
-                 {"QT_QPA_PLATFORM", "offscreen"},
-                 {"VELMOR_DNSSD_LIBRARY", dir.file("no-dnssd/libvelmor_dnssd.so")},
-                 {"VELMOR_ENGINE_PORT", std::to_string(port)}},
-                dir.file("out"));
+    std::unique_ptr<Child> tool = vlm::test::startLocalAgentTool(dir, port);
+    Child& agent = *tool;
     ASSERT_TRUE(agent.waitForOutput("@ready", 10s)) << agent.output() << agent.errors();
     agent.kill(SIGHUP);
     ASSERT_TRUE(agent.waitForOutput("@launched", 10s)) << agent.output();

@@ -186,4 +186,24 @@ private:
     std::unique_ptr<Child> process_;
 };
 
+/// agent_host_tool on this machine, with no DNS-SD and no browse or start-up: only its engine
+/// launches (SIGHUP asks for one). Its folders live in dir; the engine child serves on port.
+inline std::unique_ptr<Child> startLocalAgentTool(const TempDir& dir, unsigned short port) {
+    for (const char* folder : {"appdata", "common", "runtime", "out"})
+        mkdir(dir.file(folder).c_str(), 0700);
+    writeFile(dir.file("config.json"), "{}");
+    return std::make_unique<Child>(
+        buildDir() + "/agent_host_tool",
+        std::vector<std::string>{dir.file("config.json"), "--no-browse", "--no-startup", "--engine",
+                                 velmorPath()},
+        std::map<std::string, std::string>{
+            {"APPDATA", dir.file("appdata")},
+            {"VELMOR_COMMON_APPDATA", dir.file("common")},
+            {"XDG_RUNTIME_DIR", dir.file("runtime")},
+            {"QT_QPA_PLATFORM", "offscreen"},
+            {"VELMOR_DNSSD_LIBRARY", dir.file("no-dnssd/libvelmor_dnssd.so")},
+            {"VELMOR_ENGINE_PORT", std::to_string(port)}},
+        dir.file("out"));
+}
+
 }  // namespace vlm::test
