@@ -1,0 +1,319 @@
+// The real agent program end to end on two test hosts: the engine server on A; on B the agent
+// started as a user starts it (no arguments) under Xvfb with no tray, on a session bus of its
+// own with a recording notification service, and with a recording xdg-open; then a second
+// agent and a headless browser on B.
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+
+#include "AgentOnHost.h"
+
+using namespace std::chrono_literals;
+using vlm::test::Child;
+using vlm::test::EngineOnHost;
+using vlm::test::eventually;
+using vlm::test::exists;
+using vlm::test::readFile;
+using vlm::test::shellQuote;
+using vlm::test::TempDir;
+using vlm::test::TestNet;
+using vlm::test::withoutColours;
+using vlm::test::writeFile;
+
+namespace {
+
+constexpr int kPort = 18080;
+// The splash stays about five seconds; the deadlines leave room for a slow machine.
+constexpr auto kAttachTimeout = 30s;
+constexpr auto kPoll = 20ms;
+constexpr int kScreenWidth = 1024;
+constexpr int kScreenHeight = 768;
+
+/// A program on a test host, asked to end (SIGTERM) before it is killed, so that it can clean
+/// up: Xvfb removes its lock and socket from the /tmp the hosts share with this machine.
+class HostProgram {
+public:
+    HostProgram(const TestNet& net, const std::string& host, const std::string& command)
+        : child_(net.start(host, {"sh", "-c", "exec " + command})) {}
+    ~HostProgram() { end(); }
+    HostProgram(const HostProgram&) = delete;
+    HostProgram& operator=(const HostProgram&) = delete;
+
+    /// Its exit status, or -signal.
+    std::optional<int> end(std::chrono::milliseconds grace = 5s) {
+        child_->kill(SIGTERM);
+        std::optional<int> status = child_->wait(grace);
+        if (!status) {
+            child_->kill(SIGKILL);
+            status = child_->wait(5s);
+        }
+        return status;
+    }
+    bool running() { return !child_->wait(0ms).has_value(); }
+    Child& child() { return *child_; }
+    std::string output() const { return child_->output(); }
+    std::string errors() const { return child_->errors(); }
+
+private:
+    std::unique_ptr<Child> child_;
+};
+
+/// The complete lines of text (a line still being written is left out).
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> found;
+    for (std::size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+        found.push_back(text.substr(at, end - at));
+    return found;
+}
+
+/// A display number no X server of this machine holds: the hosts share its /tmp.
+int freeDisplay() {
+    constexpr int kFirst = 400;
+    constexpr int kCount = 500;
+    for (int tries = 0, n = getpid() % kCount; tries < kCount; ++tries, n = (n + 1) % kCount) {
+        const std::string number = std::to_string(kFirst + n);
+        if (!exists("/tmp/.X" + number + "-lock") && !exists("/tmp/.X11-unix/X" + number))
+            return kFirst + n;
+    }
+    return -1;
+}
+
+/// Processes of this machine whose command line holds text.
+std::vector<pid_t> processesWith(const std::string& text) {
+    std::vector<pid_t> found;
+    DIR* proc = opendir("/proc");
+    if (!proc)
+        return found;
+    while (dirent* entry = readdir(proc)) {
+        const std::string name = entry->d_name;
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        std::string commandLine = readFile("/proc/" + name + "/cmdline");
+        if (commandLine.find(text) != std::string::npos)
+            found.push_back(static_cast<pid_t>(std::stol(name)));
+    }
+    closedir(proc);
+    return found;
+}
+
+/// How many splash windows host's display shows (top-level VELMOR windows larger than
+/// 300x200); nullopt when the display cannot be read.
+std::optional<int> splashWindows(const TestNet& net, const std::string& host, int display) {
+    std::string tree;
+    if (net.run(host, "xwininfo -display :" + std::to_string(display) + " -root -tree 2>/dev/null",
+                &tree) != 0)
+        return std::nullopt;
+    const std::string topLevel = "(\"VELMOR\" \"VELMOR\")";
+    int count = 0;
+    for (const std::string& line : lines(tree)) {
+        const std::size_t at = line.find(topLevel);
+        int width = 0;
+        int height = 0;
+        if (at != std::string::npos &&
+            std::sscanf(line.c_str() + at + topLevel.size(), " %dx%d", &width, &height) == 2 &&
+            width > 300 && height > 200)
+            ++count;
+    }
+    return count;
+}
+
+/// A PNG picture of width x height, by its signature and header chunk.
+bool isPng(const std::string& path, std::uint32_t width, std::uint32_t height) {
+    const std::string data = readFile(path);
+    if (data.size() < 24 || data.compare(0, 8, "\x89PNG\r\n\x1a\n") != 0 ||
+        data.compare(12, 4, "IHDR") != 0)
+        return false;
+    auto number = [&](std::size_t at) {
+        std::uint32_t value = 0;
+        for (std::size_t i = 0; i < 4; ++i)
+            value = value << 8 | static_cast<unsigned char>(data[at + i]);
+        return value;
+    };
+    return number(16) == width && number(20) == height;
+}
+
+// A session bus of host B's user; no service folders, so nothing is started on demand.
+const char* const kBusConfig = R"(<!DOCTYPE busconfig PUBLIC
+ "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path=@SOCKET@</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+)";
+
+/// The folders of host B's user, and the command that starts an agent there.
+struct UserOnHost {
+    explicit UserOnHost(int display) {
+        namespace fs = std::filesystem;
+        fs::create_directories(dir.file("appdata/Corvane Technologies/velmor"));
+        // Slave: no local engine, so the agent only attaches to the one on host A.
+        writeFile(dir.file("appdata/Corvane Technologies/velmor/config.json"), R"({"mode": 2})");
+        fs::create_directories(dir.file("common"));
+        fs::create_directories(dir.file("bin"));
+        mkdir(dir.file("runtime").c_str(), 0700);
+        chmod(dir.file("runtime").c_str(), 0700);
+        // The first xdg-open on the PATH is what Qt runs to open a web page.
+        writeFile(dir.file("bin/xdg-open"),
+                  "#!/bin/sh\nprintf '%s\\n' \"$1\" >>" + shellQuote(opened()) + "\n");
+        chmod(dir.file("bin/xdg-open").c_str(), 0755);
+        std::string config = kBusConfig;
+        config.replace(config.find("@SOCKET@"), 8, dir.file("bus"));
+        writeFile(dir.file("bus.conf"), config);
+
+        // Qt's own xcb platform, with no desktop's platform theme taking over the opening.
+        agentCommand =
+            "env -u VELMOR_DNSSD_LIBRARY -u QT_QPA_PLATFORM -u WAYLAND_DISPLAY" +
+            std::string(" -u QT_QPA_PLATFORMTHEME -u XDG_CURRENT_DESKTOP") +
+            " -u VELMOR_THEME -u VELMOR_ENGINE_PORT DISPLAY=:" + std::to_string(display) +
+            " APPDATA=" + shellQuote(dir.file("appdata")) +
+            " VELMOR_COMMON_APPDATA=" + shellQuote(dir.file("common")) +
+            " XDG_RUNTIME_DIR=" + shellQuote(dir.file("runtime")) +
+            " DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress()) +
+            " PATH=" + shellQuote(dir.file("bin")) + ":\"$PATH\" " +
+            shellQuote(vlm::test::velmorPath());
+    }
+    std::string opened() const { return dir.file("opened"); }
+    std::vector<std::string> openedUrls() const { return lines(readFile(opened())); }
+    std::string busAddress() const { return "unix:path=" + dir.file("bus"); }
+
+    TempDir dir;
+    std::string agentCommand;
+};
+
+TEST(AgentEndToEnd, AgentWithoutTrayAttachesOpensTheWebAppNotifiesAndServesTheBrowser) {
+    TestNet net({"a", "b"});
+    ASSERT_TRUE(net.ok()) << net.error();
+    EngineOnHost engine(net, "a", kPort, true);
+    ASSERT_TRUE(engine.announced()) << engine.log();
+    const std::string server = net.address("a") + ":" + std::to_string(kPort);
+    const std::string webApp = "http://" + server;
+
+    const int display = freeDisplay();
+    ASSERT_GT(display, 0) << "no free X display number";
+    UserOnHost user(display);
+
+    HostProgram xvfb(net, "b",
+                     "Xvfb :" + std::to_string(display) + " -screen 0 " +
+                         std::to_string(kScreenWidth) + "x" + std::to_string(kScreenHeight) +
+                         "x24 -nolisten tcp");
+    HostProgram bus(net, "b",
+                    "dbus-daemon --config-file=" + shellQuote(user.dir.file("bus.conf")) +
+                        " --nofork --nopidfile --nosyslog");
+    const std::string probe = "xdpyinfo -display :" + std::to_string(display) + " >/dev/null 2>&1";
+    ASSERT_TRUE(
+        eventually([&] { return net.run("b", probe) == 0 || !xvfb.running(); }, 15s, kPoll));
+    ASSERT_TRUE(xvfb.running()) << xvfb.errors();
+    ASSERT_TRUE(
+        eventually([&] { return exists(user.dir.file("bus")) || !bus.running(); }, 10s, kPoll));
+    ASSERT_TRUE(bus.running()) << bus.errors();
+    HostProgram recorder(net, "b",
+                         shellQuote(NOTIFICATION_RECORDER) + " " + shellQuote(user.busAddress()));
+    ASSERT_TRUE(eventually(
+        [&] { return recorder.output().find("ready\n") == 0 || !recorder.running(); }, 10s, kPoll));
+    ASSERT_TRUE(recorder.running()) << recorder.errors();
+    auto notifications = [&] {
+        std::vector<std::string> calls = lines(recorder.output());
+        if (!calls.empty())
+            calls.erase(calls.begin());
+        return calls;
+    };
+
+    // The agent as a user starts it: no arguments.
+    HostProgram agent(net, "b", user.agentCommand);
+    auto log = [&] { return withoutColours(agent.output()); };
+    auto logHas = [&](const std::string& line) { return log().find(line) != std::string::npos; };
+    auto splash = [&] { return splashWindows(net, "b", display); };
+    // A real window on the X display: the splash, while the agent looks for a server.
+    EXPECT_TRUE(eventually([&] { return splash() == 1 || !agent.running(); }, 15s, kPoll))
+        << log() << agent.errors();
+    ASSERT_TRUE(
+        eventually([&] { return logHas("Attached to " + server + "\n") || !agent.running(); },
+                   kAttachTimeout, kPoll))
+        << log() << agent.errors();
+    ASSERT_TRUE(agent.running()) << log() << agent.errors();
+
+    // No tray host: the balloon goes to the notification service and to the log.
+    const std::string found = "VELMOR\tServer Found\tAttached to " + server + "\t10000";
+    EXPECT_TRUE(eventually([&] { return !notifications().empty(); }, 10s, kPoll))
+        << recorder.errors() << log();
+    EXPECT_TRUE(logHas("Server Found: Attached to " + server + "\n")) << log();
+    EXPECT_TRUE(eventually([&] { return !user.openedUrls().empty(); }, 10s, kPoll)) << log();
+    // The web app is opened once for an attachment: nothing more comes, the end of the
+    // start-up included.
+    EXPECT_TRUE(eventually([&] { return splash() == 0; }, kAttachTimeout, kPoll)) << log();
+    EXPECT_FALSE(eventually([&] { return user.openedUrls().size() > 1; }, 1s, kPoll));
+    EXPECT_EQ(user.openedUrls(), std::vector<std::string>{webApp});
+    EXPECT_EQ(notifications(), std::vector<std::string>{found});
+
+    // A second agent hands the first its request and leaves by itself.
+    const auto secondStarted = std::chrono::steady_clock::now();
+    HostProgram second(net, "b", user.agentCommand);
+    const std::optional<int> secondStatus = second.child().wait(10s);
+    const auto secondTook = std::chrono::steady_clock::now() - secondStarted;
+    ASSERT_TRUE(secondStatus.has_value()) << "the second agent did not leave\n"
+                                          << withoutColours(second.output()) << second.errors();
+    EXPECT_EQ(*secondStatus, 0) << second.errors();
+    EXPECT_LT(secondTook, 5s);
+    EXPECT_EQ(withoutColours(second.output()).find("Velmor Agent"), std::string::npos)
+        << "the second agent ran as an agent";
+    EXPECT_TRUE(eventually([&] { return user.openedUrls().size() >= 2; }, 10s, kPoll)) << log();
+    EXPECT_EQ(user.openedUrls(), (std::vector<std::string>{webApp, webApp}));
+    EXPECT_TRUE(logHas("Another agent asked to show the web application\n")) << log();
+
+    // A browser on host B shows what the agent opened: the engine's own status page.
+    ASSERT_EQ(net.run("b", "command -v chromium >/dev/null"), 0)
+        << "chromium is missing (tools/setup.sh installs it)";
+    const std::string profile = user.dir.file("browser-profile");
+    const std::string picture = user.dir.file("page.png");
+    std::string dom;
+    // Root needs --no-sandbox; no session bus, so the recorder sees only the agent.
+    const int browserStatus = net.run(
+        "b",
+        "exec env -u DBUS_SESSION_BUS_ADDRESS timeout -k 5 60 chromium --headless --no-sandbox"
+        " --disable-gpu --no-first-run --disable-background-networking --user-data-dir=" +
+            shellQuote(profile) + " --window-size=" + std::to_string(kScreenWidth) + "," +
+            std::to_string(kScreenHeight) + " --screenshot=" + shellQuote(picture) +
+            " --dump-dom " + shellQuote(webApp + "/") + " 2>" +
+            shellQuote(user.dir.file("browser.log")),
+        &dom);
+    EXPECT_EQ(browserStatus, 0) << readFile(user.dir.file("browser.log"));
+    EXPECT_NE(dom.find("<title>VELMOR Engine</title>"), std::string::npos) << dom;
+    EXPECT_NE(dom.find("<h1>VELMOR Engine</h1>"), std::string::npos) << dom;
+    EXPECT_NE(dom.find("The engine is running on port " + std::to_string(kPort) + " as master."),
+              std::string::npos)
+        << dom;
+    EXPECT_TRUE(isPng(picture, kScreenWidth, kScreenHeight))
+        << readFile(user.dir.file("browser.log"));
+    // The browser's helpers go with it; any left behind are ended here.
+    EXPECT_TRUE(eventually([&] { return processesWith(profile).empty(); }, 5s, kPoll));
+    for (pid_t pid : processesWith(profile))
+        kill(pid, SIGKILL);
+
+    // The first agent ends on SIGTERM without crashing.
+    const std::optional<int> agentStatus = agent.end(10s);
+    ASSERT_TRUE(agentStatus.has_value());
+    EXPECT_TRUE(*agentStatus == 0 || *agentStatus == -SIGTERM) << "status " << *agentStatus << "\n"
+                                                               << agent.errors();
+    EXPECT_EQ(notifications(), std::vector<std::string>{found});
+
+    recorder.end();
+    bus.end();
+    EXPECT_TRUE(xvfb.end().has_value());
+    EXPECT_FALSE(exists("/tmp/.X" + std::to_string(display) + "-lock"));
+}
+
+}  // namespace
