@@ -90,22 +90,29 @@ void AppConfig::load(const char* path) {
         pluginFolders.emplace_back(pluginsFolder);
 }
 
-void AppConfig::save() {
+bool AppConfig::save() {
     if (!document)
-        return;
-    // A file the user wrote by hand that did not parse is kept, never silently replaced.
+        return false;
+    auto fail = [this](const std::string& path) {
+        saveError_ = std::strerror(errno);
+        ++failedSaves_;
+        VLM_LOG(3, "Cannot write %s: %s\n", path.c_str(), saveError_.c_str());
+        return false;
+    };
+    // A file the user wrote by hand that did not parse is kept, never silently replaced: while
+    // it cannot be moved aside, nothing is written over it.
     if (keepFileAside_) {
         const std::string kept = configFilePath + ".invalid";
         if (std::rename(configFilePath.c_str(), kept.c_str()) == 0)
             VLM_LOG(4, "The unreadable configuration was kept as %s\n", kept.c_str());
+        else if (errno != ENOENT)
+            return fail(kept);
         keepFileAside_ = false;
     }
     const std::string temporary = configFilePath + ".tmp";
     File file(std::fopen(temporary.c_str(), "wb"));
-    if (!file) {
-        VLM_LOG(3, "Cannot write %s: %s\n", temporary.c_str(), std::strerror(errno));
-        return;
-    }
+    if (!file)
+        return fail(temporary);
     char buffer[kReadBufferSize];
     rapidjson::FileWriteStream stream(file.get(), buffer, sizeof buffer);
     // The writer's default level stack is 32 levels of 16 bytes: 512 bytes to start with.
@@ -114,11 +121,28 @@ void AppConfig::save() {
     document->Accept(writer);
     stream.Flush();
     bool written = std::fflush(file.get()) == 0 && !std::ferror(file.get());
-    file.reset();
+    written = std::fclose(file.release()) == 0 && written;
     if (!written || std::rename(temporary.c_str(), configFilePath.c_str()) != 0) {
-        VLM_LOG(3, "Cannot write %s: %s\n", configFilePath.c_str(), std::strerror(errno));
+        const int error = errno;
         std::remove(temporary.c_str());
+        errno = error;
+        return fail(configFilePath);
     }
+    saveError_.clear();
+    return true;
+}
+
+bool AppConfig::change(const std::function<void(json::Document&)>& edit) {
+    if (!document)
+        return false;
+    auto before = std::make_shared<json::Document>();
+    before->max_length = document->max_length;
+    json::copyValue(*before, *document, &before->GetAllocator(), document->max_length);
+    edit(*document);
+    if (save())
+        return true;
+    document = std::move(before);
+    return false;
 }
 
 }  // namespace vlm

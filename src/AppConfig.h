@@ -3,6 +3,7 @@
 
 #include <array>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,17 @@ public:
     /// and sets the plug-in and web-application folders.
     void load(const char* path = nullptr);
     /// Writes the document back, compact, replacing the file only once the new text is complete.
-    void save();
+    /// False when the file could not be written; saveError() then says why.
+    bool save();
+
+    /// Edits the document and saves it. When the file cannot be written the document is put
+    /// back as it was, so that what the program shows is what the file holds. True when saved.
+    bool change(const std::function<void(json::Document&)>& edit);
+
+    /// Why the last save failed ("Permission denied"...); empty after a successful one.
+    const std::string& saveError() const { return saveError_; }
+    /// Saves that failed so far: a caller compares two readings to learn whether its own did.
+    unsigned failedSaves() const { return failedSaves_; }
 
     std::string configFilePath;
     json::DocumentPtr document;
@@ -47,6 +58,8 @@ private:
     void buildFolders();
     // Set when the file on disk holds no JSON object: it is kept aside before the first save.
     bool keepFileAside_ = false;
+    std::string saveError_;
+    unsigned failedSaves_ = 0;
 };
 
 /// Reads a JSON file into a new document; null when the file cannot be opened. A document

@@ -106,23 +106,23 @@ json::DocumentPtr Agent::queryServer(const std::string& path) {
 }
 
 bool Agent::applyInterfaceFilters(const std::vector<std::string>& hardwareIds) {
-    json::Document& document = *config_.document;
-    json::Allocator& allocator = document.GetAllocator();
-    json::Value filtering(rapidjson::kArrayType);
-    for (const std::string& id : hardwareIds) {
-        json::Value element(rapidjson::kObjectType);
-        json::Value text;
-        json::setString(text, id.c_str(), static_cast<rapidjson::SizeType>(id.size()), true,
-                        &allocator);
-        element.AddMember("hardware_id", text, allocator);
-        filtering.PushBack(element, allocator);
-    }
-    json::ensurePath(document, {"discovery", "filtering"}) = filtering;
-    config_.save();
+    const bool stored = config_.change([&](json::Document& document) {
+        json::Allocator& allocator = document.GetAllocator();
+        json::Value filtering(rapidjson::kArrayType);
+        for (const std::string& id : hardwareIds) {
+            json::Value element(rapidjson::kObjectType);
+            json::Value text;
+            json::setString(text, id.c_str(), static_cast<rapidjson::SizeType>(id.size()), true,
+                            &allocator);
+            element.AddMember("hardware_id", text, allocator);
+            filtering.PushBack(element, allocator);
+        }
+        json::ensurePath(document, {"discovery", "filtering"}) = filtering;
+    });
 
     const std::string server = attachedEndpoint();
     if (server.empty())
-        return true;
+        return stored;
     // The interfaces this agent started with: the choice just saved applies at the next start.
     InterfaceFilters filters;
     collectInterfaceFilters(filters);
@@ -140,7 +140,7 @@ bool Agent::applyInterfaceFilters(const std::vector<std::string>& hardwareIds) {
     }
     writer.EndArray();
     httpPost(nullptr, server + "/set_interface_filters", kJsonContent, 1, text.GetString(), -1);
-    return true;
+    return stored;
 }
 
 }  // namespace vlm

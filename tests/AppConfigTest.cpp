@@ -139,4 +139,49 @@ TEST_F(AppConfigTest, UnwritableFolderIsReportedNotFatal) {
     EXPECT_NE(out.find("Cannot write"), std::string::npos) << out;
 }
 
+TEST_F(AppConfigTest, AChangeThatCannotBeWrittenIsNotMade) {
+    writeConfig(R"({"mode": 2})");
+    vlm::AppConfig config;
+    config.load();
+    ::testing::internal::CaptureStdout();
+    {
+        vlm::test::ReadOnlyFolder readOnly(appFolder());
+        EXPECT_FALSE(
+            config.change([](vlm::json::Document& document) { document["mode"].SetInt(1); }));
+    }
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ((*config.document)["mode"].GetInt(), 2);
+    EXPECT_EQ(config.saveError(), "Permission denied");
+    EXPECT_EQ(config.failedSaves(), 1u);
+    EXPECT_NE(out.find("Cannot write " + configPath() + ".tmp: Permission denied"),
+              std::string::npos)
+        << out;
+    EXPECT_EQ(readFile(configPath()), R"({"mode": 2})");
+
+    // Writable again: the same change goes through and the error is forgotten.
+    EXPECT_TRUE(config.change([](vlm::json::Document& document) { document["mode"].SetInt(1); }));
+    EXPECT_EQ(config.saveError(), "");
+    EXPECT_EQ(config.failedSaves(), 1u);
+    EXPECT_EQ(readFile(configPath()).substr(0, 10), R"({"mode":1,)");
+}
+
+TEST_F(AppConfigTest, AnUnreadableFileIsNeverWrittenOverWhileItCannotBeKeptAside) {
+    writeConfig("{ the user's own text");
+    vlm::AppConfig config;
+    ::testing::internal::CaptureStdout();
+    config.load();
+    vlm::json::ensurePath(*config.document, {"server"});
+    {
+        vlm::test::ReadOnlyFolder readOnly(appFolder());
+        EXPECT_FALSE(config.save());
+    }
+    EXPECT_EQ(readFile(configPath()), "{ the user's own text");
+    EXPECT_FALSE(exists(configPath() + ".invalid"));
+
+    EXPECT_TRUE(config.save());
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(readFile(configPath() + ".invalid"), "{ the user's own text");
+    EXPECT_EQ(readFile(configPath()).substr(0, 12), R"({"server":{})");
+}
+
 }  // namespace

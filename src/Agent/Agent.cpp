@@ -167,45 +167,42 @@ void Agent::watchEngine(std::int64_t pid) {
 bool Agent::storeMode(AgentMode newMode) {
     if (newMode == mode)
         return false;
-    AppConfig& config = config_;
-    json::ensurePath(*config.document, {"mode"}).SetInt(newMode);
-    config.save();
-    return true;
+    return config_.change(
+        [&](json::Document& document) { json::ensurePath(document, {"mode"}).SetInt(newMode); });
 }
 
 bool Agent::setWebServerAddress(const std::string& address) {
-    AppConfig& config = config_;
-    const json::Value* current = json::findPath(config.document.get(), {"server", "ip"});
+    const json::Value* current = json::findPath(config_.document.get(), {"server", "ip"});
     std::string old;
     if (current && current->IsString())
         old.assign(current->GetString(), current->GetStringLength());
     if (old == address)
         return false;
-    json::Value& ip = json::ensurePath(*config.document, {"server", "ip"});
-    json::setString(ip, address.c_str(), static_cast<rapidjson::SizeType>(address.size()), true,
-                    &config.document->GetAllocator(), config.document->max_length);
-    config.save();
-    return true;
+    return config_.change([&](json::Document& document) {
+        json::Value& ip = json::ensurePath(document, {"server", "ip"});
+        json::setString(ip, address.c_str(), static_cast<rapidjson::SizeType>(address.size()), true,
+                        &document.GetAllocator(), document.max_length);
+    });
 }
 
-void Agent::setPluginEntries(const std::vector<PluginEntry>& entries) {
-    AppConfig& config = config_;
-    json::Allocator& allocator = config.document->GetAllocator();
-    json::Value plugins(rapidjson::kArrayType);
-    for (const PluginEntry& entry : entries) {
-        json::Value object(rapidjson::kObjectType);
-        json::Value name, descr;
-        json::setString(name, entry.name.c_str(),
-                        static_cast<rapidjson::SizeType>(entry.name.size()), true, &allocator);
-        json::setString(descr, entry.descr.c_str(),
-                        static_cast<rapidjson::SizeType>(entry.descr.size()), true, &allocator);
-        object.AddMember("name", name, allocator);
-        object.AddMember("descr", descr, allocator);
-        object.AddMember("enabled", json::Value(entry.enabled), allocator);
-        plugins.PushBack(object, allocator);
-    }
-    json::ensurePath(*config.document, {"plugins"}) = plugins;
-    config.save();
+bool Agent::setPluginEntries(const std::vector<PluginEntry>& entries) {
+    return config_.change([&](json::Document& document) {
+        json::Allocator& allocator = document.GetAllocator();
+        json::Value plugins(rapidjson::kArrayType);
+        for (const PluginEntry& entry : entries) {
+            json::Value object(rapidjson::kObjectType);
+            json::Value name, descr;
+            json::setString(name, entry.name.c_str(),
+                            static_cast<rapidjson::SizeType>(entry.name.size()), true, &allocator);
+            json::setString(descr, entry.descr.c_str(),
+                            static_cast<rapidjson::SizeType>(entry.descr.size()), true, &allocator);
+            object.AddMember("name", name, allocator);
+            object.AddMember("descr", descr, allocator);
+            object.AddMember("enabled", json::Value(entry.enabled), allocator);
+            plugins.PushBack(object, allocator);
+        }
+        json::ensurePath(document, {"plugins"}) = plugins;
+    });
 }
 
 }  // namespace vlm

@@ -97,13 +97,17 @@ public:
     /// Launches the engine-server role as a detached child and watches it.
     void startEngineProcess(bool master);
 
-    // Configuration setters: they write "config.json" and take effect at the next start.
+    // Configuration setters: they write "config.json" and take effect at the next start. Each
+    // is true when the value changed and was written; a value that cannot be written is not
+    // changed at all.
     bool storeMode(AgentMode newMode);
     bool setWebServerAddress(const std::string& address);
-    void setPluginEntries(const std::vector<PluginEntry>& entries);
+    bool setPluginEntries(const std::vector<PluginEntry>& entries);
 
     // Server control: requests to the attached server.
     json::DocumentPtr queryServer(const std::string& path);
+    /// Stores the discovery filter and pushes the interface filters to the attached server.
+    /// False when the filter could not be stored (the push happens all the same).
     bool applyInterfaceFilters(const std::vector<std::string>& hardwareIds);
 
     // Engine host: the engine inside the server roles.

@@ -3,6 +3,7 @@
 #include <QCloseEvent>
 #include <QMenuBar>
 
+#include "AppConfig.h"
 #include "MainWindow/Tray.h"
 #include "Roles.h"
 
@@ -54,6 +55,18 @@ QString modeWord(AgentMode mode) {
         default:
             return QString::number(mode);
     }
+}
+
+bool reportUnsavedSettings(const AppConfig& config, unsigned failuresBefore,
+                           const MessageBoxFunction& messageBox) {
+    if (config.failedSaves() == failuresBefore)
+        return false;
+    messageBox(nullptr, "Settings Not Saved",
+               QString("The settings could not be written to %1 (%2). They stay as they were.")
+                   .arg(QString::fromStdString(config.configFilePath),
+                        QString::fromStdString(config.saveError())),
+               QMessageBox::Warning, QMessageBox::Ok);
+    return true;
 }
 
 bool changeAgentMode(Agent& agent, AgentMode mode, const MessageBoxFunction& messageBox) {

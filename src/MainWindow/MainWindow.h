@@ -10,6 +10,8 @@
 
 namespace vlm {
 
+class AppConfig;
+
 /// \brief Hidden window that owns the tray; closing it only hides it.
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -47,6 +49,11 @@ using MessageBoxFunction = std::function<int(QWidget*, const QString&, const QSt
 
 /// "Master", "Slave" or "Hybrid"; the number itself for any other value.
 QString modeWord(AgentMode mode);
+
+/// Tells the user, once, that changes could not be written to the configuration file when a
+/// save failed since failuresBefore (a reading of AppConfig::failedSaves). True when told.
+bool reportUnsavedSettings(const AppConfig& config, unsigned failuresBefore,
+                           const MessageBoxFunction& messageBox = showMessageBox);
 
 /// The tray's and the settings dialog's mode change: stores the mode for the next start and,
 /// when it was stored, tells the user so. True when stored.

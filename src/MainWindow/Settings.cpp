@@ -25,6 +25,7 @@ constexpr int kButtonHeight = 26;
 constexpr int kWidth = 640;
 constexpr int kHeight = 480;
 constexpr const char* kAll = "All";
+constexpr const char* kAbsent = "not available";
 
 std::string stringMember(const json::Value& object, const char* name) {
     const json::Value& value = json::checkedMember(object, name);
@@ -151,6 +152,21 @@ MainWindow::Settings::Settings(Agent& agent, AppConfig& config,
         row->setData(address.hardwareAddress, kHardwareAddressRole);
         discoveryModel->appendRow(row);
     }
+    // A chosen interface that is unplugged now keeps its row, so that Ok does not drop it.
+    std::vector<std::string> shown{kNoInterfaceFilter, ""};
+    for (const InterfaceAddress& address : addresses)
+        shown.push_back(address.hardwareAddress.toStdString());
+    for (const std::string& id : filter) {
+        if (std::find(shown.begin(), shown.end(), id) != shown.end())
+            continue;
+        shown.push_back(id);
+        auto* row = new QStandardItem(QString::fromStdString(id) + "\t(" + kAbsent + ")");
+        row->setCheckable(true);
+        row->setCheckState(Qt::Checked);
+        row->setEnabled(!all);
+        row->setData(QString::fromStdString(id), kHardwareAddressRole);
+        discoveryModel->appendRow(row);
+    }
     discoveryList = checkList(discoveryModel, this);
     connect(discoveryList, &QListView::clicked, this, &Settings::discoveryClicked);
     layout->addWidget(discoveryList);
@@ -229,18 +245,18 @@ MainWindow::Settings::Choices MainWindow::Settings::choices() const {
 
 void applySettings(Agent& agent, const MainWindow::Settings::Choices& choices,
                    const MessageBoxFunction& messageBox) {
+    const unsigned failures = agent.configuration().failedSaves();
     if (agent.setWebServerAddress(choices.webServerAddress))
         messageBox(nullptr, "Web Server Address Changed",
                    "Web Server Address will be set next time this Agent starts",
                    QMessageBox::Information, QMessageBox::Ok);
     changeAgentMode(agent, choices.mode, messageBox);
     agent.applyInterfaceFilters(choices.discoveryFilter);
-    if (choices.pluginsChanged) {
-        agent.setPluginEntries(choices.plugins);
+    if (choices.pluginsChanged && agent.setPluginEntries(choices.plugins))
         messageBox(nullptr, "Plug-ins Filtering Changed",
                    "Plug-ins filtering will be set next time this Agent starts",
                    QMessageBox::Information, QMessageBox::Ok);
-    }
+    reportUnsavedSettings(agent.configuration(), failures, messageBox);
 }
 
 }  // namespace vlm

@@ -8,6 +8,7 @@
 #include <QUrl>
 #include <utility>
 
+#include "AppConfig.h"
 #include "Log.h"
 #include "MainWindow/About.h"
 #include "MainWindow/Settings.h"
@@ -39,7 +40,11 @@ MainWindow::Tray::Tray(MainWindow& window, Agent& agent, bool startAgent)
     showBalloon = [this](const QString& title, const QString& text) {
         defaultBalloon(title, text);
     };
-    openUrl = [](const QUrl& url) { QDesktopServices::openUrl(url); };
+    // A browser that cannot be started leaves nothing for the user to do: it is only logged.
+    openUrl = [](const QUrl& url) {
+        if (!QDesktopServices::openUrl(url))
+            VLM_LOG(4, "Could not open %s in a browser\n", url.toString().toUtf8().constData());
+    };
 
     icon = QIcon(":/app_default");
     menu = new QMenu("App", &window);
@@ -152,7 +157,9 @@ void MainWindow::Tray::quit() {
 }
 
 void MainWindow::Tray::changeMode(AgentMode mode) {
+    const unsigned failures = agent_.configuration().failedSaves();
     changeAgentMode(agent_, mode);
+    reportUnsavedSettings(agent_.configuration(), failures);
 }
 
 void MainWindow::Tray::slotModeMaster() {

@@ -6,6 +6,7 @@ namespace {
 
 using vlm::test::AgentFixture;
 using vlm::test::LogCapture;
+using vlm::test::ReadOnlyFolder;
 using Texts = std::vector<std::string>;
 
 class AgentMode : public AgentFixture {};
@@ -145,6 +146,31 @@ TEST_F(ConfigurationSetters, WriterRepairsARootThatIsNotAnObject) {
     EXPECT_TRUE(agent->storeMode(1));
     ::testing::internal::GetCapturedStdout();
     EXPECT_EQ(savedConfig(), R"({"mode":1})");
+}
+
+TEST_F(ConfigurationSetters, ASetterThatCannotWriteChangesNothing) {
+    auto agent = makeAgent(R"({"mode": 2, "server": {"ip": "10.0.0.5"}})");
+    config.save();
+    const std::string before = savedConfig();
+    ::testing::internal::CaptureStdout();
+    {
+        ReadOnlyFolder readOnly(appData.path());
+        EXPECT_FALSE(agent->storeMode(1));
+        EXPECT_FALSE(agent->setWebServerAddress("10.0.0.6"));
+        EXPECT_FALSE(agent->setPluginEntries({{"a.dll", "A", true}}));
+        EXPECT_FALSE(agent->applyInterfaceFilters({"AA:BB"}));
+    }
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(config.failedSaves(), 4u);
+    EXPECT_EQ(savedConfig(), before);
+    // What the program reads back is what the file holds.
+    EXPECT_EQ(vlm::agentModeFrom(config.document.get()), 2);
+    EXPECT_EQ(vlm::json::findPath(config.document.get(), {"server", "ip"})->GetString(),
+              std::string("10.0.0.5"));
+    EXPECT_EQ(vlm::interfaceHardwareIdsFrom(config.document.get()), std::vector<std::string>{"0"});
+    EXPECT_EQ((*config.document)["plugins"].Size(), 10u);
+    // The setters compare with what is stored, so the same change is offered again.
+    EXPECT_TRUE(agent->setWebServerAddress("10.0.0.6"));
 }
 
 }  // namespace

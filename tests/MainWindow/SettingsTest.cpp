@@ -255,6 +255,41 @@ TEST_F(SettingsTest, NothingCheckedStoresAnEmptyFilter) {
     EXPECT_EQ(rowStates(settings->discoveryModel), "----");
 }
 
+TEST_F(SettingsTest, WithoutUsableInterfacesOnlyAutoAndAllRemain) {
+    agent = makeAgent(R"({"server": {"ip": "10.0.0.5"}})");
+    auto settings = open({});
+    EXPECT_EQ(settings->addressCombo->count(), 1);
+    EXPECT_EQ(settings->addressCombo->currentText(), "Auto");
+    EXPECT_EQ(rowTexts(settings->discoveryModel), Texts{"All"});
+    EXPECT_EQ(rowStates(settings->discoveryModel), "X");
+    clickCheckBox(settings->discoveryList, 0);
+    vlm::applySettings(*agent, settings->choices(), recorder());
+    EXPECT_NE(savedConfig().find(R"("server":{"ip":""},)"), std::string::npos) << savedConfig();
+    EXPECT_NE(savedConfig().find(R"("discovery":{"filtering":[]})"), std::string::npos)
+        << savedConfig();
+}
+
+TEST_F(SettingsTest, AChosenInterfaceThatIsGoneKeepsItsRow) {
+    agent = makeAgent(R"({"discovery": {"filtering": [{"hardware_id": "CC:00:00:00:00:09"},
+                                                      {"hardware_id": "BB:00:00:00:00:02"}]}})");
+    auto settings = open(kTwoInterfaces);
+    EXPECT_EQ(rowTexts(settings->discoveryModel),
+              (Texts{"All", "10.0.0.x\t(Studio A)", "172.16.x.x\t(Studio A)",
+                     "192.x.7.x\t(Studio B)", "CC:00:00:00:00:09\t(not available)"}));
+    EXPECT_EQ(rowStates(settings->discoveryModel), "---XX");
+    EXPECT_EQ(settings->discoveryModel->item(4)->data(vlm::kHardwareAddressRole).toString(),
+              "CC:00:00:00:00:09");
+    // Ok keeps the choice made while the interface was there.
+    EXPECT_EQ(settings->choices().discoveryFilter,
+              (Texts{"BB:00:00:00:00:02", "CC:00:00:00:00:09"}));
+    // Unchecking it is how the user lets it go.
+    clickCheckBox(settings->discoveryList, 4);
+    vlm::applySettings(*agent, settings->choices(), recorder());
+    settings = open(kTwoInterfaces);
+    EXPECT_EQ(rowTexts(settings->discoveryModel).size(), 4u);
+    EXPECT_EQ(rowStates(settings->discoveryModel), "---X");
+}
+
 TEST_F(SettingsTest, PluginRowsArePaddedNames) {
     agent = makeAgent(R"({"plugins": [
         {"name": "disco_bonjour.dll", "descr": "Default Device discovery via Bonjour",
@@ -419,6 +454,45 @@ TEST_F(TraySettingsTest, OkAppliesThroughTheMessageBoxes) {
     EXPECT_NE(savedConfig().find(R"("mode":2)"), std::string::npos) << savedConfig();
     EXPECT_NE(savedConfig().find(R"("filtering":[{"hardware_id":"0"}])"), std::string::npos)
         << savedConfig();
+}
+
+TEST_F(TraySettingsTest, AnUnwritableConfigurationShowsWhatIsStored) {
+    agent = makeAgent(R"({"mode": 4, "server": {"ip": "203.0.113.77"}})");
+    config.save();
+    const std::string before = savedConfig();
+    const auto choose = [](Settings& settings) {
+        settings.modeCombo->setCurrentIndex(0);
+        settings.addressCombo->setCurrentIndex(0);
+        clickCheckBox(settings.pluginList, 0);
+        clickCheckBox(settings.discoveryList, 0);
+        settings.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    };
+    ::testing::internal::CaptureStdout();
+    {
+        vlm::test::ReadOnlyFolder readOnly(appData.path());
+        runSettings(choose);
+    }
+    ::testing::internal::GetCapturedStdout();
+    // One warning, and none of the messages that promise a change.
+    EXPECT_EQ(boxes,
+              Texts{"Settings Not Saved | The settings could not be written to " +
+                    appData.file("config.json") + " (Permission denied). They stay as they were."});
+    EXPECT_EQ(savedConfig(), before);
+
+    // Opened again, the dialog shows what the file holds.
+    boxes.clear();
+    runSettings([](Settings& settings) {
+        EXPECT_EQ(settings.modeCombo->currentText(), "Hybrid");
+        EXPECT_EQ(rowStates(settings.pluginModel), "X-XXXX----");
+        EXPECT_EQ(settings.discoveryModel->item(0)->checkState(), Qt::Checked);
+        settings.reject();
+    });
+    EXPECT_TRUE(boxes.empty());
+
+    // Writable again: the same choices are stored and announced.
+    runSettings(choose);
+    EXPECT_EQ(boxes.size(), 3u);
+    EXPECT_NE(savedConfig().find(R"("mode":1)"), std::string::npos) << savedConfig();
 }
 
 TEST_F(SettingsTest, RendersInLightAndDarkThemes) {

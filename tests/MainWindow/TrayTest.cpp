@@ -92,6 +92,19 @@ TEST_F(TrayTest, WebAppOpensOncePerNewAddress) {
     EXPECT_TRUE(tray->webAppAction->isEnabled());
 }
 
+TEST_F(TrayTest, ABrowserThatCannotBeOpenedIsOnlyLogged) {
+    // The tray's own opener: the offscreen platform has no browser to start.
+    agent = makeAgent();
+    window = std::make_unique<vlm::MainWindow>(*agent, false);
+    tray = window->tray();
+    vlm::lastAttachedAddress().clear();
+    LogCapture log;
+    agent->attachedServer = "10.0.0.5:8080";
+    tray->slotAttachChanged("10.0.0.5:8080", true);
+    EXPECT_EQ(log.count("Could not open http://10.0.0.5:8080 in a browser\n"), 1);
+    EXPECT_EQ(vlm::lastAttachedAddress(), "10.0.0.5:8080");
+}
+
 TEST_F(TrayTest, NotificationTextIsFixed) {
     build();
     tray->slotNotification("anything at all");
@@ -148,6 +161,19 @@ TEST_F(TrayTest, RapidEngineDeathStopsTheRestarts) {
     EXPECT_EQ(lines, expected);
 }
 
+TEST_F(TrayTest, RestartGuardEndsAt30000Milliseconds) {
+    build(R"({"mode": 4})");
+    LogCapture log;
+    tray->slotEngineDied();
+    now += 30001ms;
+    tray->slotEngineDied();  // just past the guard: a second restart
+    now += 30000ms;
+    tray->slotEngineDied();  // still within it
+    EXPECT_EQ(log.count("Trying to restart Engine process...\n"), 2);
+    EXPECT_EQ(log.count("Engine Process dies rapidly. No further attempt to restart\n"), 1);
+    EXPECT_EQ(balloons.size(), 1u);
+}
+
 TEST_F(TrayTest, ClosingTheWindowOnlyHidesIt) {
     build();
     window->show();
@@ -171,6 +197,30 @@ TEST_F(TrayTest, ModeChangeTellsTheUserOnlyWhenStored) {
     shown.clear();
     tray->slotModeHybrid();  // the running mode: nothing stored, nothing shown
     EXPECT_TRUE(shown.isEmpty());
+}
+
+TEST_F(TrayTest, AModeThatCannotBeStoredIsReportedNotAnnounced) {
+    build(R"({"mode": 4})");
+    const std::string before = savedConfig();
+    QString shown;
+    QTimer::singleShot(0, [&] {
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+            shown = box->windowTitle() + " | " + box->text();
+            EXPECT_EQ(box->icon(), QMessageBox::Warning);
+            box->accept();
+        }
+    });
+    ::testing::internal::CaptureStdout();
+    {
+        vlm::test::ReadOnlyFolder readOnly(appData.path());
+        tray->slotModeMaster();
+    }
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(shown.toStdString(), "Settings Not Saved | The settings could not be written to " +
+                                       appData.file("config.json") +
+                                       " (Permission denied). They stay as they were.");
+    EXPECT_EQ(savedConfig(), before);
+    EXPECT_EQ(vlm::agentModeFrom(config.document.get()), vlm::kModeHybrid);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +34,35 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
     std::error_code error;
     fs::remove_all(path_, error);
+}
+
+ReadOnlyFolder::ReadOnlyFolder(const std::string& path) {
+    constexpr uid_t kNobody = 65534;
+    auto remember = [this](const fs::path& folder, unsigned mode) {
+        struct stat status {};
+        if (stat(folder.c_str(), &status) != 0)
+            return;
+        modes_.emplace_back(folder.string(), status.st_mode & 07777);
+        chmod(folder.c_str(), mode);
+    };
+    const fs::path folder = fs::absolute(path);
+    if (geteuid() == 0) {
+        for (fs::path up = folder.parent_path(); up != up.parent_path(); up = up.parent_path()) {
+            struct stat status {};
+            if (stat(up.c_str(), &status) == 0 && !(status.st_mode & S_IXOTH))
+                remember(up, (status.st_mode & 07777) | S_IXOTH);
+        }
+    }
+    remember(folder, 0555);
+    if (geteuid() == 0)
+        switchedUser_ = seteuid(kNobody) == 0;
+}
+
+ReadOnlyFolder::~ReadOnlyFolder() {
+    if (switchedUser_ && seteuid(0) != 0)
+        std::abort();  // the rest of the test would run without its rights
+    for (auto at = modes_.rbegin(); at != modes_.rend(); ++at)
+        chmod(at->first.c_str(), at->second);
 }
 
 std::string readFile(const std::string& path) {

@@ -27,6 +27,21 @@ private:
     std::string path_;
 };
 
+/// \brief Makes a folder unwritable for this process while it lives: mode 0555 and, for root,
+/// whom modes do not stop, the effective user "nobody" (the folder's ancestors get the search
+/// permission that user needs). Everything is put back at the end of scope.
+class ReadOnlyFolder {
+public:
+    explicit ReadOnlyFolder(const std::string& path);
+    ~ReadOnlyFolder();
+    ReadOnlyFolder(const ReadOnlyFolder&) = delete;
+    ReadOnlyFolder& operator=(const ReadOnlyFolder&) = delete;
+
+private:
+    std::vector<std::pair<std::string, unsigned>> modes_;  // restored in reverse order
+    bool switchedUser_ = false;
+};
+
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
