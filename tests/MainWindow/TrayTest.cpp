@@ -4,6 +4,7 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
+#include <QDesktopServices>
 #include <QElapsedTimer>
 #include <QLabel>
 #include <QMessageBox>
@@ -21,6 +22,24 @@ namespace {
 using namespace std::chrono_literals;
 using vlm::test::LogCapture;
 using Texts = std::vector<std::string>;
+
+// Stands for the desktop's browser: QDesktopServices hands it every web address it opens.
+class Browser : public QObject {
+    Q_OBJECT
+public:
+    Browser() {
+        for (const char* scheme : {"http", "https"})
+            QDesktopServices::setUrlHandler(scheme, this, "open");
+    }
+    ~Browser() override {
+        for (const char* scheme : {"http", "https"})
+            QDesktopServices::unsetUrlHandler(scheme);
+    }
+    Texts opened;
+
+public slots:
+    void open(const QUrl& url) { opened.push_back(url.toString().toStdString()); }
+};
 
 class TrayTest : public vlm::test::AgentFixture {
 protected:
@@ -90,6 +109,25 @@ TEST_F(TrayTest, WebAppOpensOncePerNewAddress) {
                                "Server Found | Attached to 10.0.0.5:8080",
                                "Server Found | Attached to 10.0.0.6:8080"}));
     EXPECT_TRUE(tray->webAppAction->isEnabled());
+}
+
+TEST_F(TrayTest, TheDesktopsBrowserOpensTheWebAppAndTheManual) {
+    // The tray's own opener, as in the program.
+    agent = makeAgent();
+    window = std::make_unique<vlm::MainWindow>(*agent, false);
+    tray = window->tray();
+    vlm::lastAttachedAddress().clear();
+    Browser browser;
+    agent->attachedServer = "10.0.0.5:8080";
+    tray->slotAttachChanged("10.0.0.5:8080", true);
+    tray->slotAttachChanged("10.0.0.5:8080", true);  // the same server: not again
+    tray->iconActivated(QSystemTrayIcon::Trigger);
+    tray->userManualAction->trigger();
+    ASSERT_EQ(browser.opened.size(), 3u);
+    EXPECT_EQ(browser.opened[0], "http://10.0.0.5:8080");
+    EXPECT_EQ(browser.opened[1], "http://10.0.0.5:8080");
+    EXPECT_EQ(browser.opened[2].rfind("https://", 0), 0u);
+    EXPECT_EQ(browser.opened[2].substr(browser.opened[2].size() - 4), ".pdf");
 }
 
 TEST_F(TrayTest, ABrowserThatCannotBeOpenedIsOnlyLogged) {
@@ -361,3 +399,5 @@ TEST_F(TrayTest, PluginManagerSlotOpensTheWindowByName) {
     EXPECT_TRUE(refused);
     qunsetenv("VELMOR_CATALOGUE_HOST");
 }
+
+#include "TrayTest.moc"
