@@ -31,6 +31,11 @@ std::string executablePath();
 /// Gives the process a console; true when it accepts virtual-terminal colour sequences.
 bool attachConsole();
 
+/// A descriptor that becomes readable when the session asks the program to end (on Linux
+/// SIGTERM at logout, SIGHUP, SIGINT), so that the event loop can quit as "&Quit" does; -1
+/// where the system ends a session through the windows instead.
+int terminationRequests();
+
 /// "major.minor.patch bbuild" of the executable, or "None" when it has no version.
 std::string versionText();
 

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "RoleFixture.h"
 
@@ -77,6 +78,31 @@ TEST_F(SingleInstance, UsersDoNotShareTheGuard) {
     env["XDG_RUNTIME_DIR"] = otherRuntime.path();
     vlm::test::Child other(vlm::test::velmorPath(), {}, env, outputs.path());
     EXPECT_TRUE(other.waitForOutput(kBanner, 10s));
+}
+
+// True once the process handles sig itself (its caught-signal mask in /proc says so).
+bool catches(pid_t pid, int sig) {
+    const std::string status = vlm::test::readFile("/proc/" + std::to_string(pid) + "/status");
+    const std::size_t at = status.find("SigCgt:\t");
+    if (at == std::string::npos)
+        return false;
+    const unsigned long long mask = std::stoull(status.substr(at + 8, 16), nullptr, 16);
+    return mask & (1ull << (sig - 1));
+}
+
+TEST_F(SingleInstance, EndingTheSessionQuitsLikeQuit) {
+    writeConfig(R"({"mode": null})");  // no search: the splash closes at once
+    for (int sig : {SIGTERM, SIGHUP, SIGINT}) {
+        auto agent = startFirstAgent();
+        const auto deadline = std::chrono::steady_clock::now() + 10s;
+        while (!catches(agent->pid(), sig) && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(5ms);
+        agent->kill(sig);
+        EXPECT_EQ(agent->wait(10s), 0) << sig;
+        EXPECT_TRUE(agent->waitForOutput("Asked to end: quitting", 1s)) << agent->output();
+        // Gone in order: the next agent finds no socket file left behind.
+        EXPECT_FALSE(std::filesystem::exists(runtime.path() + "/velmor_agent_singleton"));
+    }
 }
 
 TEST_F(SingleInstance, GarbageOnTheSocketIsIgnored) {

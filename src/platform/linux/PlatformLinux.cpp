@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -84,6 +85,32 @@ bool attachConsole() {
     // A Linux process already has its terminal; colours work when it is one.
     std::ios::sync_with_stdio(true);
     return ::isatty(STDOUT_FILENO) == 1;
+}
+
+namespace {
+int terminationPipe[2] = {-1, -1};
+
+void onTerminationSignal(int) {
+    const int saved = errno;
+    const char byte = 0;
+    // Async-signal-safe; a full pipe already holds a request.
+    [[maybe_unused]] ssize_t written = write(terminationPipe[1], &byte, 1);
+    errno = saved;
+}
+}  // namespace
+
+int terminationRequests() {
+    if (terminationPipe[0] >= 0)
+        return terminationPipe[0];
+    if (pipe2(terminationPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return -1;
+    struct sigaction action {};
+    action.sa_handler = onTerminationSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    for (int signal : {SIGTERM, SIGHUP, SIGINT})
+        sigaction(signal, &action, nullptr);
+    return terminationPipe[0];
 }
 
 std::string versionText() {

@@ -57,6 +57,11 @@ std::string executablePath() {
     return std::string(path, length);
 }
 
+// Windows ends a session with messages to the windows, which Qt turns into a quit.
+int terminationRequests() {
+    return -1;
+}
+
 bool attachConsole() {
     AllocConsole();
     FILE* stream = nullptr;
