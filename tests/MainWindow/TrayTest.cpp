@@ -56,6 +56,13 @@ protected:
         tray->engineRestartTimer.setClock([this] { return now; });
         vlm::lastAttachedAddress().clear();
     }
+    // The tray as the program builds it, with its own balloons and browser opener.
+    void buildAsIs() {
+        agent = makeAgent();
+        window = std::make_unique<vlm::MainWindow>(*agent, false);
+        tray = window->tray();
+        vlm::lastAttachedAddress().clear();
+    }
     void TearDown() override {
         // A watcher still running would report a death to the tray about to be destroyed.
         if (agent && agent->engineWatcher && agent->engineWatcher->joinable())
@@ -112,11 +119,7 @@ TEST_F(TrayTest, WebAppOpensOncePerNewAddress) {
 }
 
 TEST_F(TrayTest, TheDesktopsBrowserOpensTheWebAppAndTheManual) {
-    // The tray's own opener, as in the program.
-    agent = makeAgent();
-    window = std::make_unique<vlm::MainWindow>(*agent, false);
-    tray = window->tray();
-    vlm::lastAttachedAddress().clear();
+    buildAsIs();
     Browser browser;
     agent->attachedServer = "10.0.0.5:8080";
     tray->slotAttachChanged("10.0.0.5:8080", true);
@@ -131,11 +134,7 @@ TEST_F(TrayTest, TheDesktopsBrowserOpensTheWebAppAndTheManual) {
 }
 
 TEST_F(TrayTest, ABrowserThatCannotBeOpenedIsOnlyLogged) {
-    // The tray's own opener: the offscreen platform has no browser to start.
-    agent = makeAgent();
-    window = std::make_unique<vlm::MainWindow>(*agent, false);
-    tray = window->tray();
-    vlm::lastAttachedAddress().clear();
+    buildAsIs();  // the offscreen platform has no browser to start
     LogCapture log;
     agent->attachedServer = "10.0.0.5:8080";
     tray->slotAttachChanged("10.0.0.5:8080", true);

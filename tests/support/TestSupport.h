@@ -76,6 +76,11 @@ private:
     std::string stderrPath_;
 };
 
+/// The configuration of a test's own session dbus-daemon, listening at listen (a D-Bus address
+/// such as "unix:dir=/tmp/x"). It has no service folders: a name nobody owns fails at once
+/// instead of starting a program.
+std::string sessionBusConfig(const std::string& listen);
+
 /// A TCP port on 127.0.0.1 that was free a moment ago.
 unsigned short freeLoopbackPort();
 

@@ -3,24 +3,11 @@
 #include <QFile>
 #include <QStandardPaths>
 
+#include "TestSupport.h"
+
 namespace vlm::test {
 
 namespace {
-// No service folders: a name nobody owns fails at once instead of starting a program.
-const char* const kConfig = R"(<!DOCTYPE busconfig PUBLIC
- "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:dir=%1</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)";
 constexpr int kStartMs = 10000;
 }  // namespace
 
@@ -32,7 +19,8 @@ PrivateSessionBus::PrivateSessionBus() {
     QFile config(configPath);
     if (!config.open(QIODevice::WriteOnly))
         return;
-    config.write(QString(kConfig).arg(folder_.path()).toUtf8());
+    config.write(
+        QByteArray::fromStdString(sessionBusConfig("unix:dir=" + folder_.path().toStdString())));
     config.close();
 
     daemon_.start(program, {"--config-file=" + configPath, "--nofork", "--print-address=1"});

@@ -139,22 +139,6 @@ bool isPng(const std::string& path, std::uint32_t width, std::uint32_t height) {
     return number(16) == width && number(20) == height;
 }
 
-// A session bus of host B's user; no service folders, so nothing is started on demand.
-const char* const kBusConfig = R"(<!DOCTYPE busconfig PUBLIC
- "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=@SOCKET@</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)";
-
 /// The folders of host B's user, and the command that starts an agent there.
 struct UserOnHost {
     explicit UserOnHost(int display) {
@@ -170,9 +154,8 @@ struct UserOnHost {
         writeFile(dir.file("bin/xdg-open"),
                   "#!/bin/sh\nprintf '%s\\n' \"$1\" >>" + shellQuote(opened()) + "\n");
         chmod(dir.file("bin/xdg-open").c_str(), 0755);
-        std::string config = kBusConfig;
-        config.replace(config.find("@SOCKET@"), 8, dir.file("bus"));
-        writeFile(dir.file("bus.conf"), config);
+        writeFile(dir.file("bus.conf"),
+                  vlm::test::sessionBusConfig("unix:path=" + dir.file("bus")));
 
         // Qt's own xcb platform, with no desktop's platform theme taking over the opening.
         agentCommand =
