@@ -97,13 +97,12 @@ int runAgent(QApplication& application, const MainWindowFactory& makeMainWindow)
     QApplication::setFont(font);
     QCVTheme::instance().applyTheme();
 
-    // Ending the session ends the agent as "&Quit" does: windows, tray icon and the
-    // single-instance socket go away in order. A request made during the splash waits for
-    // the event loop, so the splash is never cut short under its worker.
-    const int requests = platform::terminationRequests();
     std::unique_ptr<QWidget> mainWindow = makeMainWindow ? makeMainWindow() : nullptr;
+    // From here on, ending the session ends the agent as "&Quit" does: windows, tray icon and
+    // the single-instance socket go away in order. During the splash it still ends the
+    // process at once, so a logout never waits for the search.
     std::unique_ptr<QSocketNotifier> termination;
-    if (requests >= 0) {
+    if (const int requests = platform::terminationRequests(); requests >= 0) {
         termination = std::make_unique<QSocketNotifier>(requests, QSocketNotifier::Read);
         QObject::connect(termination.get(), &QSocketNotifier::activated, &application, [] {
             VLM_LOG(6, "Asked to end: quitting\n");
