@@ -1,4 +1,5 @@
 #include <QApplication>
+#include <QWindow>
 #include <cstdlib>
 
 #include "Agent/Agent.h"
@@ -19,7 +20,20 @@ void chooseHeadlessPlatform() {
 
 int main(int argc, char* argv[]) {
     chooseHeadlessPlatform();
+    // Nothing here draws with OpenGL. Without a GL integration Qt's X11 platform leaves the
+    // system's GL driver unloaded: tens of MB resident with a software renderer.
+    const bool glChosen = qEnvironmentVariableIsSet("QT_XCB_GL_INTEGRATION");
+    if (!glChosen)
+        qputenv("QT_XCB_GL_INTEGRATION", "none");
     QApplication application(argc, argv);
+    if (!glChosen) {
+        // Qt settles the integration with the first window that could use it; programs
+        // started later (the user's browser) then get the environment as it was.
+        QWindow settle;
+        settle.setSurfaceType(QSurface::OpenGLSurface);
+        settle.create();
+        qunsetenv("QT_XCB_GL_INTEGRATION");
+    }
     QGuiApplication::setQuitOnLastWindowClosed(false);
 
     bool engineServer = false;

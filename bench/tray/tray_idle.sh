@@ -1,6 +1,7 @@
 #!/bin/bash
 # Resident memory and CPU use of the agent idling for 60 s after it attached to an engine:
-# two test hosts, the engine role on A, the agent (offscreen Qt) on B. Root only.
+# two test hosts, the engine role on A, the agent on B in a real X server (Xvfb) with a tray
+# host (trayer), as on a desktop. Root only.
 # Usage: bench/tray/tray_idle.sh [build dir] [seconds]
 set -euo pipefail
 build=$(realpath "${1:-build}")
@@ -21,13 +22,26 @@ for h in A B; do
     chmod 700 "$work/$h/run"
 done
 echo '{"mode": 2}' >"$work/B/app/Corvane Technologies/velmor/config.json"
+display=:$((500 + $$ % 400))
+"$testnet" run "$net" b Xvfb "$display" -screen 0 1024x768x24 -nolisten tcp >"$work/xvfb.log" 2>&1 &
+deadline=$((SECONDS + 20))
+until DISPLAY=$display xdpyinfo >/dev/null 2>&1; do
+    ((SECONDS < deadline)) || { echo "Xvfb did not start" >&2; cat "$work/xvfb.log" >&2; exit 1; }
+    sleep 0.1
+done
+"$testnet" run "$net" b env DISPLAY="$display" trayer --edge top --align right \
+    --widthtype request --height 32 >"$work/trayer.log" 2>&1 &
+until DISPLAY=$display xwininfo -root -tree 2>/dev/null | grep -q '"panel"'; do
+    ((SECONDS < deadline)) || { echo "trayer did not start" >&2; cat "$work/trayer.log" >&2; exit 1; }
+    sleep 0.1
+done
 port=18080
 # The engine role supervises the process given by --apid; the shell stays for the whole run.
 "$testnet" run "$net" a env APPDATA="$work/A/app" XDG_RUNTIME_DIR="$work/A/run" \
     QT_QPA_PLATFORM=offscreen VELMOR_ENGINE_PORT=$port \
     "$build/VELMOR" --server 1 --apid $$ >"$work/engine.log" 2>&1 &
-"$testnet" run "$net" b env APPDATA="$work/B/app" XDG_RUNTIME_DIR="$work/B/run" \
-    QT_QPA_PLATFORM=offscreen sh -c 'echo $$ >"$0/agent.pid"; exec "$1/VELMOR"' \
+"$testnet" run "$net" b env -u QT_QPA_PLATFORM APPDATA="$work/B/app" XDG_RUNTIME_DIR="$work/B/run" \
+    DISPLAY="$display" sh -c 'echo $$ >"$0/agent.pid"; exec "$1/VELMOR"' \
     "$work" "$build" >"$work/agent.log" 2>&1 &
 deadline=$((SECONDS + 40))
 until [ -s "$work/agent.pid" ] && grep -q "$port" "$work/agent.log" 2>/dev/null; do
