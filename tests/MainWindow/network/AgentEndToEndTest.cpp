@@ -152,7 +152,8 @@ struct UserOnHost {
         chmod(dir.file("runtime").c_str(), 0700);
         // The first xdg-open on the PATH is what Qt runs to open a web page.
         writeFile(dir.file("bin/xdg-open"),
-                  "#!/bin/sh\nprintf '%s\\n' \"$1\" >>" + shellQuote(opened()) + "\n");
+                  "#!/bin/sh\nenv >" + shellQuote(dir.file("browser.env")) +
+                      "\nprintf '%s\\n' \"$1\" >>" + shellQuote(opened()) + "\n");
         chmod(dir.file("bin/xdg-open").c_str(), 0755);
         writeFile(dir.file("bus.conf"),
                   vlm::test::sessionBusConfig("unix:path=" + dir.file("bus")));
@@ -241,6 +242,14 @@ TEST(AgentEndToEnd, AgentWithoutTrayAttachesOpensTheWebAppNotifiesAndServesTheBr
     EXPECT_FALSE(eventually([&] { return user.openedUrls().size() > 1; }, 1s, kPoll));
     EXPECT_EQ(user.openedUrls(), std::vector<std::string>{webApp});
     EXPECT_EQ(notifications(), std::vector<std::string>{found});
+    // No GL driver in the agent, and the browser gets the user's environment untouched.
+    const std::string maps = readFile("/proc/" + std::to_string(agent.child().pid()) + "/maps");
+    EXPECT_NE(maps.find("libQt5XcbQpa"), std::string::npos);
+    EXPECT_EQ(maps.find("/dri/"), std::string::npos);
+    EXPECT_EQ(maps.find("libLLVM"), std::string::npos);
+    const std::string browserEnvironment = readFile(user.dir.file("browser.env"));
+    EXPECT_NE(browserEnvironment.find("\nDISPLAY=:"), std::string::npos) << browserEnvironment;
+    EXPECT_EQ(browserEnvironment.find("QT_XCB_GL_INTEGRATION"), std::string::npos);
 
     // A second agent hands the first its request and leaves by itself.
     const auto secondStarted = std::chrono::steady_clock::now();
