@@ -132,7 +132,8 @@ TEST_F(AboutTest, RendersTheProductPictureInLightAndDarkThemes) {
         About about(&picture, QString::fromStdString(vlm::platform::versionText()));
         const QImage image = about.grab().toImage();
         EXPECT_EQ(image.size(), QSize(600, 250));
-        vlm::test::saveScreenshot(image, dark ? "about-dark.png" : "about.png");
+        vlm::test::saveScreenshot(image,
+                                  dark ? "offscreen-about-dark.png" : "offscreen-about-light.png");
     }
 }
 

@@ -504,7 +504,8 @@ TEST_F(SettingsTest, RendersInLightAndDarkThemes) {
         const QImage image = settings->grab().toImage();
         const QColor background = image.pixelColor(2, 2);
         EXPECT_EQ(background.lightness() < 60, dark) << background.name().toStdString();
-        vlm::test::saveScreenshot(image, dark ? "settings-dark.png" : "settings.png");
+        vlm::test::saveScreenshot(
+            image, dark ? "offscreen-settings-dark.png" : "offscreen-settings-light.png");
     }
 }
 
