@@ -178,82 +178,129 @@ struct UserOnHost {
     std::string agentCommand;
 };
 
-TEST(AgentEndToEnd, AgentWithoutTrayAttachesOpensTheWebAppNotifiesAndServesTheBrowser) {
-    TestNet net({"a", "b"});
-    ASSERT_TRUE(net.ok()) << net.error();
-    EngineOnHost engine(net, "a", kPort, true);
-    ASSERT_TRUE(engine.announced()) << engine.log();
-    const std::string server = net.address("a") + ":" + std::to_string(kPort);
-    const std::string webApp = "http://" + server;
+/// \brief Hosts A and B, the engine on A, and on B an X server and a session bus with the
+/// recording notification service (and, when asked, a StatusNotifierItem tray).
+class AgentEndToEnd : public ::testing::Test {
+protected:
+    void up(bool tray) {
+        net_ = std::make_unique<TestNet>(std::vector<std::string>{"a", "b"});
+        ASSERT_TRUE(net_->ok()) << net_->error();
+        engine_ = std::make_unique<EngineOnHost>(*net_, "a", kPort, true);
+        ASSERT_TRUE(engine_->announced()) << engine_->log();
+        server = net_->address("a") + ":" + std::to_string(kPort);
+        webApp = "http://" + server;
 
-    const int display = freeDisplay();
-    ASSERT_GT(display, 0) << "no free X display number";
-    UserOnHost user(display);
+        display = freeDisplay();
+        ASSERT_GT(display, 0) << "no free X display number";
+        user = std::make_unique<UserOnHost>(display);
+        xvfb_ = std::make_unique<HostProgram>(
+            *net_, "b",
+            "Xvfb :" + std::to_string(display) + " -screen 0 " + std::to_string(kScreenWidth) +
+                "x" + std::to_string(kScreenHeight) + "x24 -nolisten tcp");
+        bus_ = std::make_unique<HostProgram>(
+            *net_, "b",
+            "dbus-daemon --config-file=" + shellQuote(user->dir.file("bus.conf")) +
+                " --nofork --nopidfile --nosyslog");
+        const std::string probe =
+            "xdpyinfo -display :" + std::to_string(display) + " >/dev/null 2>&1";
+        ASSERT_TRUE(eventually([&] { return net_->run("b", probe) == 0 || !xvfb_->running(); }, 15s,
+                               kPoll));
+        ASSERT_TRUE(xvfb_->running()) << xvfb_->errors();
+        ASSERT_TRUE(eventually([&] { return exists(user->dir.file("bus")) || !bus_->running(); },
+                               10s, kPoll));
+        ASSERT_TRUE(bus_->running()) << bus_->errors();
+        recorder_ = std::make_unique<HostProgram>(*net_, "b",
+                                                  shellQuote(NOTIFICATION_RECORDER) + " " +
+                                                      shellQuote(user->busAddress()) +
+                                                      (tray ? " --tray" : ""));
+        ASSERT_TRUE(eventually(
+            [&] { return recorder_->output().find("ready\n") == 0 || !recorder_->running(); }, 10s,
+            kPoll));
+        ASSERT_TRUE(recorder_->running()) << recorder_->errors();
+    }
+    void TearDown() override {
+        agent.reset();
+        recorder_.reset();
+        bus_.reset();
+        if (xvfb_) {
+            EXPECT_TRUE(xvfb_->end().has_value());
+            EXPECT_FALSE(exists("/tmp/.X" + std::to_string(display) + "-lock"));
+        }
+        xvfb_.reset();
+        engine_.reset();
+        net_.reset();
+    }
 
-    HostProgram xvfb(net, "b",
-                     "Xvfb :" + std::to_string(display) + " -screen 0 " +
-                         std::to_string(kScreenWidth) + "x" + std::to_string(kScreenHeight) +
-                         "x24 -nolisten tcp");
-    HostProgram bus(net, "b",
-                    "dbus-daemon --config-file=" + shellQuote(user.dir.file("bus.conf")) +
-                        " --nofork --nopidfile --nosyslog");
-    const std::string probe = "xdpyinfo -display :" + std::to_string(display) + " >/dev/null 2>&1";
-    ASSERT_TRUE(
-        eventually([&] { return net.run("b", probe) == 0 || !xvfb.running(); }, 15s, kPoll));
-    ASSERT_TRUE(xvfb.running()) << xvfb.errors();
-    ASSERT_TRUE(
-        eventually([&] { return exists(user.dir.file("bus")) || !bus.running(); }, 10s, kPoll));
-    ASSERT_TRUE(bus.running()) << bus.errors();
-    HostProgram recorder(net, "b",
-                         shellQuote(NOTIFICATION_RECORDER) + " " + shellQuote(user.busAddress()));
-    ASSERT_TRUE(eventually(
-        [&] { return recorder.output().find("ready\n") == 0 || !recorder.running(); }, 10s, kPoll));
-    ASSERT_TRUE(recorder.running()) << recorder.errors();
-    auto notifications = [&] {
-        std::vector<std::string> calls = lines(recorder.output());
-        if (!calls.empty())
-            calls.erase(calls.begin());
-        return calls;
-    };
+    /// The agent as a user starts it (no arguments), attached to the engine on A.
+    void startAgent() {
+        agent = std::make_unique<HostProgram>(*net_, "b", user->agentCommand);
+        // A real window on the X display: the splash, while the agent looks for a server.
+        EXPECT_TRUE(eventually([&] { return splash() == 1 || !agent->running(); }, 15s, kPoll))
+            << log() << agent->errors();
+        ASSERT_TRUE(
+            eventually([&] { return logHas("Attached to " + server + "\n") || !agent->running(); },
+                       kAttachTimeout, kPoll))
+            << log() << agent->errors();
+        ASSERT_TRUE(agent->running()) << log() << agent->errors();
+    }
 
-    // The agent as a user starts it: no arguments.
-    HostProgram agent(net, "b", user.agentCommand);
-    auto log = [&] { return withoutColours(agent.output()); };
-    auto logHas = [&](const std::string& line) { return log().find(line) != std::string::npos; };
-    auto splash = [&] { return splashWindows(net, "b", display); };
-    // A real window on the X display: the splash, while the agent looks for a server.
-    EXPECT_TRUE(eventually([&] { return splash() == 1 || !agent.running(); }, 15s, kPoll))
-        << log() << agent.errors();
-    ASSERT_TRUE(
-        eventually([&] { return logHas("Attached to " + server + "\n") || !agent.running(); },
-                   kAttachTimeout, kPoll))
-        << log() << agent.errors();
-    ASSERT_TRUE(agent.running()) << log() << agent.errors();
+    std::string log() const { return withoutColours(agent->output()); }
+    bool logHas(const std::string& line) const { return log().find(line) != std::string::npos; }
+    std::optional<int> splash() const { return splashWindows(*net_, "b", display); }
+    /// The recorder's lines after "ready", of one kind: Notify calls, or with "item" the tray
+    /// icons registered.
+    std::vector<std::string> recorded(bool items = false) const {
+        std::vector<std::string> found;
+        for (const std::string& line : lines(recorder_->output()))
+            if (line != "ready" && (line.rfind("item\t", 0) == 0) == items)
+                found.push_back(line);
+        return found;
+    }
 
+    std::string server;
+    std::string webApp;
+    int display = -1;
+    std::unique_ptr<UserOnHost> user;
+    std::unique_ptr<HostProgram> agent;
+    std::unique_ptr<TestNet> net_;
+
+private:
+    std::unique_ptr<EngineOnHost> engine_;
+    std::unique_ptr<HostProgram> xvfb_;
+    std::unique_ptr<HostProgram> bus_;
+    std::unique_ptr<HostProgram> recorder_;
+};
+
+TEST_F(AgentEndToEnd, AgentWithoutTrayAttachesOpensTheWebAppNotifiesAndServesTheBrowser) {
+    up(false);
+    startAgent();
+    if (HasFatalFailure())
+        return;
+    TestNet& net = *net_;
+    auto notifications = [&] { return recorded(); };
     // No tray host: the balloon goes to the notification service and to the log.
-    const std::string found = "VELMOR\tServer Found\tAttached to " + server + "\t10000";
-    EXPECT_TRUE(eventually([&] { return !notifications().empty(); }, 10s, kPoll))
-        << recorder.errors() << log();
+    const std::string found = "VELMOR\t\tServer Found\tAttached to " + server + "\t10000";
+    EXPECT_TRUE(eventually([&] { return !notifications().empty(); }, 10s, kPoll)) << log();
     EXPECT_TRUE(logHas("Server Found: Attached to " + server + "\n")) << log();
-    EXPECT_TRUE(eventually([&] { return !user.openedUrls().empty(); }, 10s, kPoll)) << log();
+    EXPECT_TRUE(eventually([&] { return !user->openedUrls().empty(); }, 10s, kPoll)) << log();
     // The web app is opened once for an attachment: nothing more comes, the end of the
     // start-up included.
     EXPECT_TRUE(eventually([&] { return splash() == 0; }, kAttachTimeout, kPoll)) << log();
-    EXPECT_FALSE(eventually([&] { return user.openedUrls().size() > 1; }, 1s, kPoll));
-    EXPECT_EQ(user.openedUrls(), std::vector<std::string>{webApp});
+    EXPECT_FALSE(eventually([&] { return user->openedUrls().size() > 1; }, 1s, kPoll));
+    EXPECT_EQ(user->openedUrls(), std::vector<std::string>{webApp});
     EXPECT_EQ(notifications(), std::vector<std::string>{found});
     // No GL driver in the agent, and the browser gets the user's environment untouched.
-    const std::string maps = readFile("/proc/" + std::to_string(agent.child().pid()) + "/maps");
+    const std::string maps = readFile("/proc/" + std::to_string(agent->child().pid()) + "/maps");
     EXPECT_NE(maps.find("libQt5XcbQpa"), std::string::npos);
     EXPECT_EQ(maps.find("/dri/"), std::string::npos);
     EXPECT_EQ(maps.find("libLLVM"), std::string::npos);
-    const std::string browserEnvironment = readFile(user.dir.file("browser.env"));
+    const std::string browserEnvironment = readFile(user->dir.file("browser.env"));
     EXPECT_NE(browserEnvironment.find("\nDISPLAY=:"), std::string::npos) << browserEnvironment;
     EXPECT_EQ(browserEnvironment.find("QT_XCB_GL_INTEGRATION"), std::string::npos);
 
     // A second agent hands the first its request and leaves by itself.
     const auto secondStarted = std::chrono::steady_clock::now();
-    HostProgram second(net, "b", user.agentCommand);
+    HostProgram second(net, "b", user->agentCommand);
     const std::optional<int> secondStatus = second.child().wait(10s);
     const auto secondTook = std::chrono::steady_clock::now() - secondStarted;
     ASSERT_TRUE(secondStatus.has_value()) << "the second agent did not leave\n"
@@ -262,15 +309,15 @@ TEST(AgentEndToEnd, AgentWithoutTrayAttachesOpensTheWebAppNotifiesAndServesTheBr
     EXPECT_LT(secondTook, 5s);
     EXPECT_EQ(withoutColours(second.output()).find("Velmor Agent"), std::string::npos)
         << "the second agent ran as an agent";
-    EXPECT_TRUE(eventually([&] { return user.openedUrls().size() >= 2; }, 10s, kPoll)) << log();
-    EXPECT_EQ(user.openedUrls(), (std::vector<std::string>{webApp, webApp}));
+    EXPECT_TRUE(eventually([&] { return user->openedUrls().size() >= 2; }, 10s, kPoll)) << log();
+    EXPECT_EQ(user->openedUrls(), (std::vector<std::string>{webApp, webApp}));
     EXPECT_TRUE(logHas("Another agent asked to show the web application\n")) << log();
 
     // A browser on host B shows what the agent opened: the engine's own status page.
     ASSERT_EQ(net.run("b", "command -v chromium >/dev/null"), 0)
         << "chromium is missing (tools/setup.sh installs it)";
-    const std::string profile = user.dir.file("browser-profile");
-    const std::string picture = user.dir.file("page.png");
+    const std::string profile = user->dir.file("browser-profile");
+    const std::string picture = user->dir.file("page.png");
     std::string dom;
     // Root needs --no-sandbox; no session bus, so the recorder sees only the agent.
     const int browserStatus = net.run(
@@ -280,31 +327,45 @@ TEST(AgentEndToEnd, AgentWithoutTrayAttachesOpensTheWebAppNotifiesAndServesTheBr
             shellQuote(profile) + " --window-size=" + std::to_string(kScreenWidth) + "," +
             std::to_string(kScreenHeight) + " --screenshot=" + shellQuote(picture) +
             " --dump-dom " + shellQuote(webApp + "/") + " 2>" +
-            shellQuote(user.dir.file("browser.log")),
+            shellQuote(user->dir.file("browser.log")),
         &dom);
-    EXPECT_EQ(browserStatus, 0) << readFile(user.dir.file("browser.log"));
+    EXPECT_EQ(browserStatus, 0) << readFile(user->dir.file("browser.log"));
     EXPECT_NE(dom.find("<title>VELMOR Engine</title>"), std::string::npos) << dom;
     EXPECT_NE(dom.find("<h1>VELMOR Engine</h1>"), std::string::npos) << dom;
     EXPECT_NE(dom.find("The engine is running on port " + std::to_string(kPort) + " as master."),
               std::string::npos)
         << dom;
     EXPECT_TRUE(isPng(picture, kScreenWidth, kScreenHeight))
-        << readFile(user.dir.file("browser.log"));
+        << readFile(user->dir.file("browser.log"));
     // The browser's helpers go with it; any left behind are ended here.
     EXPECT_TRUE(eventually([&] { return processesWith(profile).empty(); }, 5s, kPoll));
     for (pid_t pid : processesWith(profile))
         kill(pid, SIGKILL);
 
     // Logging out (SIGTERM) ends the first agent as "&Quit" does.
-    EXPECT_EQ(agent.end(10s), 0) << agent.errors();
+    EXPECT_EQ(agent->end(10s), 0) << agent->errors();
     EXPECT_TRUE(logHas("Asked to end: quitting\n")) << log();
-    EXPECT_FALSE(exists(user.dir.file("runtime/velmor_agent_singleton")));
+    EXPECT_FALSE(exists(user->dir.file("runtime/velmor_agent_singleton")));
     EXPECT_EQ(notifications(), std::vector<std::string>{found});
+    EXPECT_TRUE(recorded(true).empty());
+}
 
-    recorder.end();
-    bus.end();
-    EXPECT_TRUE(xvfb.end().has_value());
-    EXPECT_FALSE(exists("/tmp/.X" + std::to_string(display) + "-lock"));
+// Where the desktop shows a tray, the balloon is the tray icon's own message, with the
+// Information icon, and the log is left alone.
+TEST_F(AgentEndToEnd, WithATrayBalloonsAreTheTrayIconsMessages) {
+    up(true);
+    startAgent();
+    if (HasFatalFailure())
+        return;
+    EXPECT_TRUE(eventually([&] { return !recorded().empty(); }, 10s, kPoll)) << log();
+    EXPECT_EQ(recorded(), std::vector<std::string>{"VELMOR\tdialog-information\tServer "
+                                                   "Found\tAttached to " +
+                                                   server + "\t10000"});
+    EXPECT_EQ(recorded(true).size(), 1u);
+    EXPECT_FALSE(logHas("Server Found: ")) << log();
+    EXPECT_TRUE(eventually([&] { return !user->openedUrls().empty(); }, 10s, kPoll)) << log();
+    EXPECT_TRUE(eventually([&] { return splash() == 0; }, kAttachTimeout, kPoll)) << log();
+    EXPECT_EQ(agent->end(10s), 0) << agent->errors();
 }
 
 }  // namespace
