@@ -9,6 +9,7 @@
 #include <QLabel>
 #include <QMessageBox>
 #include <QMetaMethod>
+#include <QPushButton>
 #include <QTimer>
 #include <QUrl>
 
@@ -209,6 +210,30 @@ TEST_F(TrayTest, RestartGuardEndsAt30000Milliseconds) {
     EXPECT_EQ(log.count("Trying to restart Engine process...\n"), 2);
     EXPECT_EQ(log.count("Engine Process dies rapidly. No further attempt to restart\n"), 1);
     EXPECT_EQ(balloons.size(), 1u);
+}
+
+TEST(MessageBoxTest, TheDarkStyleSheetIsKeptAsWritten) {
+    const auto query = vlm::darkModeQuery;
+    for (bool dark : {false, true}) {
+        vlm::darkModeQuery = [dark] { return dark; };
+        QString seen;
+        QTimer::singleShot(0, [&] {
+            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            ASSERT_NE(box, nullptr);
+            seen = box->windowTitle() + " | " + box->text() + " | " + box->styleSheet();
+            EXPECT_EQ(box->icon(), QMessageBox::Information);
+            EXPECT_EQ(box->standardButtons(), QMessageBox::Ok);
+            box->button(QMessageBox::Ok)->click();
+        });
+        EXPECT_EQ(vlm::showMessageBox(nullptr, "Title", "Text", QMessageBox::Information,
+                                      QMessageBox::Ok),
+                  QMessageBox::Ok);
+        EXPECT_EQ(seen.toStdString(),
+                  dark ? "Title | Text | background-color: rgb(43, 43, 43);color: rgb(255, 255, "
+                         "255);}"
+                       : "Title | Text | ");
+    }
+    vlm::darkModeQuery = query;
 }
 
 TEST_F(TrayTest, ClosingTheWindowOnlyHidesIt) {
