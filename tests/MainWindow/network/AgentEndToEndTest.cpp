@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -141,11 +142,11 @@ bool isPng(const std::string& path, std::uint32_t width, std::uint32_t height) {
 
 /// The folders of host B's user, and the command that starts an agent there.
 struct UserOnHost {
-    explicit UserOnHost(int display) {
+    UserOnHost(int display, int mode) {
         namespace fs = std::filesystem;
         fs::create_directories(dir.file("appdata/Corvane Technologies/velmor"));
-        // Slave: no local engine, so the agent only attaches to the one on host A.
-        writeFile(dir.file("appdata/Corvane Technologies/velmor/config.json"), R"({"mode": 2})");
+        writeFile(dir.file("appdata/Corvane Technologies/velmor/config.json"),
+                  "{\"mode\": " + std::to_string(mode) + "}");
         fs::create_directories(dir.file("common"));
         fs::create_directories(dir.file("bin"));
         mkdir(dir.file("runtime").c_str(), 0700);
@@ -182,17 +183,21 @@ struct UserOnHost {
 /// recording notification service (and, when asked, a StatusNotifierItem tray).
 class AgentEndToEnd : public ::testing::Test {
 protected:
-    void up(bool tray) {
+    /// mode: the agent's; Slave (the default) runs no engine, so it can only attach to A's.
+    /// engineOnA: whether host A runs an engine at all.
+    void up(bool tray, int mode = 2, bool engineOnA = true) {
         net_ = std::make_unique<TestNet>(std::vector<std::string>{"a", "b"});
         ASSERT_TRUE(net_->ok()) << net_->error();
-        engine_ = std::make_unique<EngineOnHost>(*net_, "a", kPort, true);
-        ASSERT_TRUE(engine_->announced()) << engine_->log();
+        if (engineOnA) {
+            engine_ = std::make_unique<EngineOnHost>(*net_, "a", kPort, true);
+            ASSERT_TRUE(engine_->announced()) << engine_->log();
+        }
         server = net_->address("a") + ":" + std::to_string(kPort);
         webApp = "http://" + server;
 
         display = freeDisplay();
         ASSERT_GT(display, 0) << "no free X display number";
-        user = std::make_unique<UserOnHost>(display);
+        user = std::make_unique<UserOnHost>(display, mode);
         xvfb_ = std::make_unique<HostProgram>(
             *net_, "b",
             "Xvfb :" + std::to_string(display) + " -screen 0 " + std::to_string(kScreenWidth) +
@@ -231,15 +236,18 @@ protected:
         net_.reset();
     }
 
-    /// The agent as a user starts it (no arguments), attached to the engine on A.
-    void startAgent() {
+    /// The agent as a user starts it (no arguments), attached to attachedTo (the engine on A
+    /// when empty).
+    void startAgent(std::string attachedTo = {}) {
+        if (attachedTo.empty())
+            attachedTo = server;
         agent = std::make_unique<HostProgram>(*net_, "b", user->agentCommand);
         // A real window on the X display: the splash, while the agent looks for a server.
         EXPECT_TRUE(eventually([&] { return splash() == 1 || !agent->running(); }, 15s, kPoll))
             << log() << agent->errors();
-        ASSERT_TRUE(
-            eventually([&] { return logHas("Attached to " + server + "\n") || !agent->running(); },
-                       kAttachTimeout, kPoll))
+        ASSERT_TRUE(eventually(
+            [&] { return logHas("Attached to " + attachedTo + "\n") || !agent->running(); },
+            kAttachTimeout, kPoll))
             << log() << agent->errors();
         ASSERT_TRUE(agent->running()) << log() << agent->errors();
     }
@@ -348,6 +356,63 @@ TEST_F(AgentEndToEnd, AgentWithoutTrayAttachesOpensTheWebAppNotifiesAndServesThe
     EXPECT_FALSE(exists(user->dir.file("runtime/velmor_agent_singleton")));
     EXPECT_EQ(notifications(), std::vector<std::string>{found});
     EXPECT_TRUE(recorded(true).empty());
+}
+
+// The engine child of a Master agent dies: the tray restarts it once; when the restarted one
+// dies within 30 s too, the user is told and no further attempt is made.
+TEST_F(AgentEndToEnd, ALocalEngineThatDiesIsRestartedOnceThenGivenUp) {
+    // No engine on A: when its own engine goes, a Master takes any other master there is.
+    up(false, 1, false);
+    // A route, as a desktop has, for the endpoint probe to find B's own address.
+    ASSERT_EQ(net_->run("b", "ip route add default dev eth0"), 0);
+    const std::string own = net_->address("b") + ":8080";
+    startAgent(own);
+    if (HasFatalFailure())
+        return;
+    const std::string child = std::string("--apid\0", 7) + std::to_string(agent->child().pid());
+    auto engines = [&] { return processesWith(child); };
+    auto count = [&](const std::string& line) {
+        const std::string text = log();
+        int found = 0;
+        for (std::size_t at = text.find(line); at != std::string::npos;
+             at = text.find(line, at + 1))
+            ++found;
+        return found;
+    };
+
+    ASSERT_EQ(engines().size(), 1u) << log();
+    const pid_t first = engines().front();
+    kill(first, SIGKILL);
+    ASSERT_TRUE(
+        eventually([&] { return engines().size() == 1 && engines().front() != first; }, 15s, kPoll))
+        << log();
+    EXPECT_EQ(count("Trying to restart Engine process...\n"), 1) << log();
+    // The restarted engine is found again at the same address: no second browser opening.
+    EXPECT_TRUE(eventually([&] { return count("Attached to " + own + "\n") == 2; }, 15s, kPoll))
+        << log();
+
+    kill(engines().front(), SIGKILL);
+    EXPECT_TRUE(eventually(
+        [&] { return count("Engine Process dies rapidly. No further attempt to restart\n") == 1; },
+        15s, kPoll))
+        << log();
+    const std::string died =
+        "VELMOR\t\tLocal Server Died\tNo further attempts to revive local server as it crashes "
+        "rapidly\t10000";
+    EXPECT_TRUE(eventually(
+        [&] {
+            const auto calls = recorded();
+            return std::find(calls.begin(), calls.end(), died) != calls.end();
+        },
+        10s, kPoll));
+    const auto calls = recorded();
+    EXPECT_NE(std::find(calls.begin(), calls.end(),
+                        "VELMOR\t\tServer Lost\tDetached from " + own + "\t10000"),
+              calls.end());
+    EXPECT_FALSE(eventually([&] { return !engines().empty(); }, 1s, kPoll));
+    EXPECT_EQ(count("Trying to restart Engine process...\n"), 1) << log();
+    EXPECT_EQ(user->openedUrls(), std::vector<std::string>{"http://" + own}) << log();
+    EXPECT_TRUE(agent->running());
 }
 
 // Where the desktop shows a tray, the balloon is the tray icon's own message, with the
