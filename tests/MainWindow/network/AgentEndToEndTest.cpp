@@ -1,7 +1,8 @@
 // The real agent program end to end on two test hosts: the engine server on A; on B the agent
-// started as a user starts it (no arguments) under Xvfb with no tray, on a session bus of its
-// own with a recording notification service, and with a recording xdg-open; then a second
-// agent and a headless browser on B.
+// started as a user starts it (no arguments) under Xvfb, on a session bus of its own with a
+// recording notification service, and with a recording xdg-open. Without a tray, then with a
+// StatusNotifierItem tray on that bus; a second agent and a headless browser on B; and a Master
+// agent whose engine child keeps dying.
 
 #include <dirent.h>
 #include <gtest/gtest.h>
