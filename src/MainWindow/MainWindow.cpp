@@ -57,8 +57,10 @@ QString modeWord(AgentMode mode) {
     }
 }
 
-bool reportUnsavedSettings(const AppConfig& config, unsigned failuresBefore,
-                           const MessageBoxFunction& messageBox) {
+bool changeSettings(const AppConfig& config, const std::function<void()>& changes,
+                    const MessageBoxFunction& messageBox) {
+    const unsigned failuresBefore = config.failedSaves();
+    changes();
     if (config.failedSaves() == failuresBefore)
         return false;
     messageBox(nullptr, "Settings Not Saved",

@@ -50,10 +50,10 @@ using MessageBoxFunction = std::function<int(QWidget*, const QString&, const QSt
 /// "Master", "Slave" or "Hybrid"; the number itself for any other value.
 QString modeWord(AgentMode mode);
 
-/// Tells the user, once, that changes could not be written to the configuration file when a
-/// save failed since failuresBefore (a reading of AppConfig::failedSaves). True when told.
-bool reportUnsavedSettings(const AppConfig& config, unsigned failuresBefore,
-                           const MessageBoxFunction& messageBox = showMessageBox);
+/// Runs changes that write the configuration; when any of them could not be written, tells
+/// the user once. True when told.
+bool changeSettings(const AppConfig& config, const std::function<void()>& changes,
+                    const MessageBoxFunction& messageBox = showMessageBox);
 
 /// The tray's and the settings dialog's mode change: stores the mode for the next start and,
 /// when it was stored, tells the user so. True when stored.

@@ -11,6 +11,7 @@
 #include <QStyleFactory>
 #include <QVBoxLayout>
 #include <algorithm>
+#include <set>
 
 #include "AppConfig.h"
 #include "Roles.h"
@@ -141,32 +142,27 @@ MainWindow::Settings::Settings(Agent& agent, AppConfig& config,
     allRow->setCheckable(true);
     allRow->setCheckState(all ? Qt::Checked : Qt::Unchecked);
     discoveryModel->appendRow(allRow);
-    for (const InterfaceAddress& address : addresses) {
-        auto* row = new QStandardItem(discoveryPattern(address.ip, address.netmask) + "\t(" +
-                                      address.name + ")");
+    auto addInterfaceRow = [&](const QString& text, const QString& hardwareAddress, bool checked) {
+        auto* row = new QStandardItem(text);
         row->setCheckable(true);
-        const bool chosen = std::find(filter.begin(), filter.end(),
-                                      address.hardwareAddress.toStdString()) != filter.end();
-        row->setCheckState(chosen ? Qt::Checked : Qt::Unchecked);
+        row->setCheckState(checked ? Qt::Checked : Qt::Unchecked);
         row->setEnabled(!all);
-        row->setData(address.hardwareAddress, kHardwareAddressRole);
+        row->setData(hardwareAddress, kHardwareAddressRole);
         discoveryModel->appendRow(row);
+    };
+    std::set<std::string> shown{kNoInterfaceFilter, ""};
+    for (const InterfaceAddress& address : addresses) {
+        const std::string id = address.hardwareAddress.toStdString();
+        shown.insert(id);
+        addInterfaceRow(discoveryPattern(address.ip, address.netmask) + "\t(" + address.name + ")",
+                        address.hardwareAddress,
+                        std::find(filter.begin(), filter.end(), id) != filter.end());
     }
     // A chosen interface that is unplugged now keeps its row, so that Ok does not drop it.
-    std::vector<std::string> shown{kNoInterfaceFilter, ""};
-    for (const InterfaceAddress& address : addresses)
-        shown.push_back(address.hardwareAddress.toStdString());
-    for (const std::string& id : filter) {
-        if (std::find(shown.begin(), shown.end(), id) != shown.end())
-            continue;
-        shown.push_back(id);
-        auto* row = new QStandardItem(QString::fromStdString(id) + "\t(" + kAbsent + ")");
-        row->setCheckable(true);
-        row->setCheckState(Qt::Checked);
-        row->setEnabled(!all);
-        row->setData(QString::fromStdString(id), kHardwareAddressRole);
-        discoveryModel->appendRow(row);
-    }
+    for (const std::string& id : filter)
+        if (shown.insert(id).second)
+            addInterfaceRow(QString::fromStdString(id) + "\t(" + kAbsent + ")",
+                            QString::fromStdString(id), true);
     discoveryList = checkList(discoveryModel, this);
     connect(discoveryList, &QListView::clicked, this, &Settings::discoveryClicked);
     layout->addWidget(discoveryList);
@@ -245,18 +241,21 @@ MainWindow::Settings::Choices MainWindow::Settings::choices() const {
 
 void applySettings(Agent& agent, const MainWindow::Settings::Choices& choices,
                    const MessageBoxFunction& messageBox) {
-    const unsigned failures = agent.configuration().failedSaves();
-    if (agent.setWebServerAddress(choices.webServerAddress))
-        messageBox(nullptr, "Web Server Address Changed",
-                   "Web Server Address will be set next time this Agent starts",
-                   QMessageBox::Information, QMessageBox::Ok);
-    changeAgentMode(agent, choices.mode, messageBox);
-    agent.applyInterfaceFilters(choices.discoveryFilter);
-    if (choices.pluginsChanged && agent.setPluginEntries(choices.plugins))
-        messageBox(nullptr, "Plug-ins Filtering Changed",
-                   "Plug-ins filtering will be set next time this Agent starts",
-                   QMessageBox::Information, QMessageBox::Ok);
-    reportUnsavedSettings(agent.configuration(), failures, messageBox);
+    changeSettings(
+        agent.configuration(),
+        [&] {
+            if (agent.setWebServerAddress(choices.webServerAddress))
+                messageBox(nullptr, "Web Server Address Changed",
+                           "Web Server Address will be set next time this Agent starts",
+                           QMessageBox::Information, QMessageBox::Ok);
+            changeAgentMode(agent, choices.mode, messageBox);
+            agent.applyInterfaceFilters(choices.discoveryFilter);
+            if (choices.pluginsChanged && agent.setPluginEntries(choices.plugins))
+                messageBox(nullptr, "Plug-ins Filtering Changed",
+                           "Plug-ins filtering will be set next time this Agent starts",
+                           QMessageBox::Information, QMessageBox::Ok);
+        },
+        messageBox);
 }
 
 }  // namespace vlm

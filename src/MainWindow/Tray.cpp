@@ -157,9 +157,7 @@ void MainWindow::Tray::quit() {
 }
 
 void MainWindow::Tray::changeMode(AgentMode mode) {
-    const unsigned failures = agent_.configuration().failedSaves();
-    changeAgentMode(agent_, mode);
-    reportUnsavedSettings(agent_.configuration(), failures);
+    changeSettings(agent_.configuration(), [&] { changeAgentMode(agent_, mode); });
 }
 
 void MainWindow::Tray::slotModeMaster() {

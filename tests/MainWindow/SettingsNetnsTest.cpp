@@ -13,11 +13,14 @@
 
 #include "Agent/AgentFixture.h"
 #include "MainWindow/Settings.h"
+#include "MainWindow/UiTestSupport.h"
 
 namespace {
 
 using Texts = std::vector<std::string>;
 using Settings = vlm::MainWindow::Settings;
+using vlm::test::rowStates;
+using vlm::test::rowTexts;
 
 class SettingsNetns : public vlm::test::AgentFixture {
 protected:
@@ -41,14 +44,6 @@ protected:
         return settings;
     }
 
-    static Texts rows(const QStandardItemModel* model) {
-        Texts texts;
-        for (int row = 0; row < model->rowCount(); ++row)
-            texts.push_back(model->item(row)->text().toStdString() +
-                            (model->item(row)->checkState() == Qt::Checked ? " [x]" : ""));
-        return texts;
-    }
-
     int boxes = 0;
     vlm::MessageBoxFunction countBoxes = [this](QWidget*, const QString&, const QString&,
                                                 QMessageBox::Icon, QMessageBox::StandardButtons) {
@@ -64,7 +59,8 @@ TEST_F(SettingsNetns, WithOnlyTheLoopbackThereIsNothingToChooseButAutoAndAll) {
     auto settings = open();
     EXPECT_EQ(settings->addressCombo->count(), 1);
     EXPECT_EQ(settings->addressCombo->currentText(), "Auto");
-    EXPECT_EQ(rows(settings->discoveryModel), Texts{"All [x]"});
+    EXPECT_EQ(rowTexts(settings->discoveryModel), Texts{"All"});
+    EXPECT_EQ(rowStates(settings->discoveryModel), "X");
     vlm::applySettings(*agent, settings->choices(), countBoxes);
     EXPECT_EQ(boxes, 1);  // the address went back to "Auto"
     EXPECT_NE(savedConfig().find(R"("server":{"ip":""})"), std::string::npos) << savedConfig();
@@ -82,8 +78,9 @@ TEST_F(SettingsNetns, AnInterfaceThatVanishesWhileTheDialogIsOpen) {
     agent = makeAgent(R"({"server": {"ip": "10.88.0.5"}})");
     auto settings = open();
     EXPECT_EQ(settings->addressCombo->currentText(), "10.88.0.5");
-    EXPECT_EQ(rows(settings->discoveryModel),
-              (Texts{"All [x]", "10.88.0.x\t(velmor0)", "10.89.x.x\t(velmor0)"}));
+    EXPECT_EQ(rowTexts(settings->discoveryModel),
+              (Texts{"All", "10.88.0.x\t(velmor0)", "10.89.x.x\t(velmor0)"}));
+    EXPECT_EQ(rowStates(settings->discoveryModel), "X..");
     EXPECT_EQ(settings->discoveryModel->item(1)->data(vlm::kHardwareAddressRole).toString(),
               QString::fromStdString(id));
 
@@ -103,7 +100,8 @@ TEST_F(SettingsNetns, AnInterfaceThatVanishesWhileTheDialogIsOpen) {
     // no interface carries shows as "Auto", and Ok stores that.
     settings = open();
     EXPECT_EQ(settings->addressCombo->currentText(), "Auto");
-    EXPECT_EQ(rows(settings->discoveryModel), (Texts{"All", id + "\t(not available) [x]"}));
+    EXPECT_EQ(rowTexts(settings->discoveryModel), (Texts{"All", id + "\t(not available)"}));
+    EXPECT_EQ(rowStates(settings->discoveryModel), "-X");
     vlm::applySettings(*agent, settings->choices(), countBoxes);
     EXPECT_EQ(boxes, 1);  // "Auto" is a change of address; the filter is kept
     EXPECT_NE(savedConfig().find(R"("filtering":[{"hardware_id":")" + id + R"("}])"),

@@ -25,6 +25,8 @@ namespace {
 
 using Texts = std::vector<std::string>;
 using vlm::InterfaceAddress;
+using vlm::test::rowStates;
+using vlm::test::rowTexts;
 using Settings = vlm::MainWindow::Settings;
 
 // Two addresses on one interface and a second interface, for the rules the machine's own
@@ -56,24 +58,6 @@ void clickCheckBox(QListView* view, int row) {
     QMouseEvent release(QEvent::MouseButtonRelease, at, viewport->mapToGlobal(at), Qt::LeftButton,
                         Qt::NoButton, Qt::NoModifier);
     QApplication::sendEvent(viewport, &release);
-}
-
-Texts rowTexts(const QStandardItemModel* model) {
-    Texts texts;
-    for (int row = 0; row < model->rowCount(); ++row)
-        texts.push_back(model->item(row)->text().toStdString());
-    return texts;
-}
-
-// "x" checked, "-" unchecked, upper case when enabled.
-std::string rowStates(const QStandardItemModel* model) {
-    std::string states;
-    for (int row = 0; row < model->rowCount(); ++row) {
-        const QStandardItem* item = model->item(row);
-        const bool checked = item->checkState() == Qt::Checked;
-        states += item->isEnabled() ? (checked ? 'X' : '-') : (checked ? 'x' : '.');
-    }
-    return states;
 }
 
 class SettingsTest : public vlm::test::AgentFixture {

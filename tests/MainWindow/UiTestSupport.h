@@ -4,9 +4,11 @@
 #include <QApplication>
 #include <QImage>
 #include <QPalette>
+#include <QStandardItemModel>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "theme/QCVTheme.h"
 
@@ -43,6 +45,26 @@ private:
     QString styleSheet_;
     std::unique_ptr<QCVTheme> theme_;
 };
+
+/// The texts of a list model's rows.
+inline std::vector<std::string> rowTexts(const QStandardItemModel* model) {
+    std::vector<std::string> texts;
+    for (int row = 0; row < model->rowCount(); ++row)
+        texts.push_back(model->item(row)->text().toStdString());
+    return texts;
+}
+
+/// A list model's check boxes, one letter a row: "x" checked, "-" unchecked, "." unchecked
+/// and disabled; upper case ("X") when checked and enabled.
+inline std::string rowStates(const QStandardItemModel* model) {
+    std::string states;
+    for (int row = 0; row < model->rowCount(); ++row) {
+        const QStandardItem* item = model->item(row);
+        const bool checked = item->checkState() == Qt::Checked;
+        states += item->isEnabled() ? (checked ? 'X' : '-') : (checked ? 'x' : '.');
+    }
+    return states;
+}
 
 /// Saves the image under VELMOR_SCREENSHOT_DIR when that is set, for a look by eye.
 inline void saveScreenshot(const QImage& image, const std::string& name) {
