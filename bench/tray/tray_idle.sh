@@ -22,13 +22,15 @@ for h in A B; do
     chmod 700 "$work/$h/run"
 done
 echo '{"mode": 2}' >"$work/B/app/Corvane Technologies/velmor/config.json"
-display=:$((500 + $$ % 400))
-"$testnet" run "$net" b Xvfb "$display" -screen 0 1024x768x24 -nolisten tcp >"$work/xvfb.log" 2>&1 &
+# Xvfb picks a free display itself and names it once it accepts clients.
+"$testnet" run "$net" b Xvfb -displayfd 1 -screen 0 1024x768x24 -nolisten tcp \
+    >"$work/xvfb.display" 2>"$work/xvfb.log" &
 deadline=$((SECONDS + 20))
-until DISPLAY=$display xdpyinfo >/dev/null 2>&1; do
+until [ -s "$work/xvfb.display" ]; do
     ((SECONDS < deadline)) || { echo "Xvfb did not start" >&2; cat "$work/xvfb.log" >&2; exit 1; }
     sleep 0.1
 done
+display=:$(head -n1 "$work/xvfb.display")
 "$testnet" run "$net" b env DISPLAY="$display" trayer --edge top --align right \
     --widthtype request --height 32 >"$work/trayer.log" 2>&1 &
 until DISPLAY=$display xwininfo -root -tree 2>/dev/null | grep -q '"panel"'; do
