@@ -4,6 +4,7 @@
 #   tools/setup.sh test       build and run every test (unit, gui, network)
 #   tools/setup.sh sanitize   build with AddressSanitizer + UBSan and run the unit tests
 #   tools/setup.sh bench      build and print the benchmark figures
+#   tools/setup.sh package    build the Debian package (build-package/velmor_<version>_amd64.deb)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 mode=${1:-test}
@@ -13,7 +14,7 @@ build_packages=(build-essential cmake ninja-build pkg-config qtbase5-dev
   libboost-system-dev libboost-thread-dev libboost-filesystem-dev rapidjson-dev
   libcurl4-openssl-dev libavahi-compat-libdnssd-dev libgtest-dev libgmock-dev)
 test_packages=(avahi-daemon avahi-utils dbus iproute2 xvfb x11-utils trayer imagemagick xdotool wrk clang clang-format
-  libclang-rt-14-dev procps psmisc curl chromium fonts-dejavu-core)
+  libclang-rt-14-dev procps psmisc curl chromium fonts-dejavu-core lintian g++-mingw-w64-x86-64-posix)
 
 install_missing() {
   local missing=()
@@ -73,8 +74,22 @@ case "$mode" in
       if [ -f "$b" ] && [ -x "$b" ]; then "$b"; fi
     done
     ;;
+  package)
+    install_missing "${build_packages[@]}"
+    # Debian's hardening flags; the file dates come from the commit, so that two packages built
+    # from the same commit are the same bytes.
+    export DEB_BUILD_MAINT_OPTIONS=hardening=+all
+    export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || date +%s)}
+    configure_build build-package -DVELMOR_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DCMAKE_INSTALL_PREFIX=/usr \
+      "-DCMAKE_C_FLAGS=$(dpkg-buildflags --get CFLAGS) $(dpkg-buildflags --get CPPFLAGS)" \
+      "-DCMAKE_CXX_FLAGS=$(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS)" \
+      "-DCMAKE_EXE_LINKER_FLAGS=$(dpkg-buildflags --get LDFLAGS)" \
+      "-DCMAKE_SHARED_LINKER_FLAGS=$(dpkg-buildflags --get LDFLAGS)" "$@"
+    cd build-package && rm -f velmor_*.deb && cpack -G DEB >/dev/null && ls "$PWD"/velmor_*.deb
+    ;;
   *)
-    echo "usage: $0 run|test|sanitize|bench" >&2
+    echo "usage: $0 run|test|sanitize|bench|package" >&2
     exit 2
     ;;
 esac
