@@ -129,6 +129,7 @@ tmp=$(mktemp -d)
 chmod 711 "$tmp"
 policy=/usr/sbin/policy-rc.d
 added_policy=""
+made_state=""
 made_private=""
 autostart=/etc/xdg/autostart/velmor.desktop
 cleanup() {
@@ -136,6 +137,7 @@ cleanup() {
         DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq velmor >/dev/null 2>&1 || true
     fi
     if [ -n "$added_policy" ]; then rm -f "$policy"; fi
+    if [ -n "$made_state" ]; then rm -rf /var/lib/velmor-engine /var/lib/private/velmor-engine; fi
     if [ -n "$made_private" ]; then rmdir /var/lib/private 2>/dev/null || true; fi
     rm -rf "$tmp"
 }
@@ -159,7 +161,6 @@ dpkg-deb -b --root-owner-group "$tmp/old/tree" "$tmp/old/velmor_old.deb" >/dev/n
 install_deb "$tmp/old/velmor_old.deb"
 echo "X-Velmor-Checked=kept" >>"$autostart"
 # The service's state folder, as systemd makes it for a dynamic user.
-made_state=""
 if [ ! -e /var/lib/private/velmor-engine ]; then
     if [ ! -d /var/lib/private ]; then
         mkdir -m 700 /var/lib/private
