@@ -7,16 +7,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cxx=${VELMOR_WINDOWS_CXX:-x86_64-w64-mingw32-g++-posix}
-sources=(
-  src/platform/windows/PlatformWindows.cpp
-  src/platform/PlatformCommon.cpp
-  zeroconf/src/bonjour_browser.cpp
-  zeroconf/src/bonjour_client.cpp
-  zeroconf/src/bonjour_hostname_browser.cpp
-  zeroconf/src/bonjour_service.cpp
-  zeroconf/src/dns_txt_record.cpp
-  zeroconf/src/dnssd_table.cpp
-)
+# Every source of the zeroconf library, so that a new one is checked too.
+sources=(src/platform/windows/*.cpp src/platform/PlatformCommon.cpp zeroconf/src/*.cpp)
 
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
