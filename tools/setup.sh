@@ -77,12 +77,13 @@ case "$mode" in
     ;;
   package)
     install_missing "${build_packages[@]}"
-    # Debian's hardening flags; the file dates come from the commit, so that two packages built
-    # from the same commit are the same bytes.
+    # Debian's hardening flags; the file dates come from the commit, and the executable is
+    # linked with its installed run path (not the build folder's, rewritten later and leaving
+    # its length behind), so that two packages built from the same commit are the same bytes.
     export DEB_BUILD_MAINT_OPTIONS=hardening=+all
     export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || date +%s)}
     configure_build build-package -DVELMOR_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-      -DCMAKE_INSTALL_PREFIX=/usr \
+      -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_WITH_INSTALL_RPATH=ON \
       "-DCMAKE_C_FLAGS=$(dpkg-buildflags --get CFLAGS) $(dpkg-buildflags --get CPPFLAGS)" \
       "-DCMAKE_CXX_FLAGS=$(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS)" \
       "-DCMAKE_EXE_LINKER_FLAGS=$(dpkg-buildflags --get LDFLAGS)" \
