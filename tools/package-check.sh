@@ -64,7 +64,8 @@ if [ "${1:-}" = "--isolated" ]; then
     Xvfb -displayfd 3 -nolisten tcp 3>"$tmp/display" >/dev/null 2>&1 &
     xvfb=$!
     wait_for 10 test -s "$tmp/display" || fail "Xvfb did not start"
-    export DISPLAY=":$(cat "$tmp/display")"
+    DISPLAY=":$(cat "$tmp/display")"
+    export DISPLAY
     menu=$(sed -n 's/^Exec=//p' /usr/share/applications/velmor.desktop)
     login=$(sed -n 's/^Exec=//p' /etc/xdg/autostart/velmor.desktop)
     start_agent "menu-entry" sh -c "exec $menu"
@@ -87,6 +88,7 @@ if [ "${1:-}" = "--isolated" ]; then
         VELMOR_DNSSD_LIBRARY=$nodnssd VELMOR_ENGINE_PORT=$port $execstart \
         </dev/null >"$tmp/engine-output" 2>&1 &
     engine=$!
+    # shellcheck disable=SC2317  # called through wait_for
     get() {
         curl -s -o "$tmp/get" -w '%{http_code}' -u anon:anon -X POST -d '{"Path": "$"}' \
             "http://127.0.0.1:$port/get" >"$tmp/get-status" 2>/dev/null
@@ -204,6 +206,6 @@ if [ -n "$made_state" ]; then
 fi
 DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq velmor >/dev/null || fail "apt-get purge"
 for path in "$autostart" /var/lib/velmor-engine /var/lib/private/velmor-engine; do
-    [ ! -e "$path" ] && [ ! -L "$path" ] || fail "apt purge left $path"
+    if [ -e "$path" ] || [ -L "$path" ]; then fail "apt purge left $path"; fi
 done
 echo "ok: apt purge removes the configuration file and the service's state folder"
