@@ -115,7 +115,7 @@ if dpkg-query -W -f='${Status}' velmor 2>/dev/null | grep -q "installed"; then
 fi
 if [ $# -ge 1 ]; then
     cmake -S . -B "$1" -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
-    cmake --build "$1" >/dev/null
+    cmake --build "$1"
     (cd "$1" && rm -f velmor_*.deb && cpack -G DEB >/dev/null)
     deb=$(ls "$repo/$1"/velmor_*.deb)
 else
