@@ -34,6 +34,8 @@ wait_for() {  # seconds, command...: true once the command succeeds
 # ---- inside the namespace: the program's own checks ------------------------------------------
 if [ "${1:-}" = "--isolated" ]; then
     tmp=$2
+    # Whatever a failed check leaves running (Xvfb, an agent, the engine) ends with it.
+    trap 'kill $(jobs -p) 2>/dev/null || true' EXIT
     ip link set lo up
     nodnssd=/nonexistent/libvelmor_dnssd.so
 
