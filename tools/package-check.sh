@@ -15,7 +15,6 @@
 #                                        without one, `tools/setup.sh package` builds it
 set -euo pipefail
 cd "$(dirname "$0")/.."
-repo=$PWD
 
 fail() {
     echo "package-check: FAILED: $*" >&2
@@ -118,8 +117,9 @@ fi
 if [ $# -ge 1 ]; then
     cmake -S . -B "$1" -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
     cmake --build "$1"
-    (cd "$1" && rm -f velmor_*.deb && cpack -G DEB >/dev/null)
-    deb=$(ls "$repo/$1"/velmor_*.deb)
+    build=$(cd "$1" && pwd)
+    (cd "$build" && rm -f velmor_*.deb && cpack -G DEB >/dev/null)
+    deb=$(ls "$build"/velmor_*.deb)
 else
     deb=$(tools/setup.sh package | tail -n 1)
 fi
