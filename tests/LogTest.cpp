@@ -25,16 +25,16 @@ TEST(Log, ConsoleLine) {
         std::uint32_t level;
         std::string format, expected;
     } cases[] = {
+        // clang-format off
         {"", 4, "disk %s at 97%%\n", "\033[33m\033[1mdisk full at 97%\n\033[0m"},
-        {"", 0, "x", "\033[31m\033[1mx\033[0m"},
-        {"", 3, "x", "\033[31m\033[1mx\033[0m"},
-        {"", 5, "x", "\033[36m\033[1mx\033[0m"},
-        {"", 6, "x", "\033[32m\033[1mx\033[0m"},
+        {"", 0, "x", "\033[31m\033[1mx\033[0m"}, {"", 3, "x", "\033[31m\033[1mx\033[0m"},
+        {"", 5, "x", "\033[36m\033[1mx\033[0m"}, {"", 6, "x", "\033[32m\033[1mx\033[0m"},
         {"", 7, "x", "\033[35m\033[1mx\033[0m"},
         {"zc", 3, "failed %s\n", "In f.cpp, line 7: \033[31m\033[1m zc: failed full\n\033[0m"},
         {nullptr, 5, "note %s\n", "In f.cpp, line 7: \033[36m\033[1mnote full\n\033[0m"},
         {"", 6, big + "\n", "\033[32m\033[1m" + big.substr(0, 1023 - 10 - 9) + "\033[0m...\n"},
         {"", 6, big, "\033[32m\033[1m" + big.substr(0, 1023 - 10 - 9) + "\033[0m"},
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.expected.substr(0, 60));

@@ -107,16 +107,13 @@ protected:
 // Control requests need Basic anon:anon (the scheme in any case), else 401 with a
 // WWW-Authenticate header and nothing of the document; the web app needs none.
 TEST_F(EngineServer, AuthenticationMatrix) {
+    // clang-format off
     const std::pair<std::string, int> fields[] = {
-        {"", 401},
-        {kAuth, 200},
-        {"Authorization: basic YW5vbjphbm9u\r\n", 200},
-        {"Authorization: Basic YW5vbjp3cm9uZw==\r\n", 401},  // anon:wrong
-        {"Authorization: Basic YWRtaW46YW5vbg==\r\n", 401},  // admin:anon
-        {"Authorization: Bearer YW5vbjphbm9u\r\n", 401},
-        {"Authorization: YW5vbjphbm9u\r\n", 401},
-        {"Authorization: Basic\r\n", 401},
-        {"Authorization: Basic YW5vbjph\r\n", 401}};
+        {"", 401}, {kAuth, 200}, {"Authorization: basic YW5vbjphbm9u\r\n", 200},
+        {"Authorization: Basic YW5vbjp3cm9uZw==\r\n", 401}, {"Authorization: Basic YWRtaW46YW5vbg==\r\n", 401},
+        {"Authorization: Bearer YW5vbjphbm9u\r\n", 401}, {"Authorization: YW5vbjphbm9u\r\n", 401},
+        {"Authorization: Basic\r\n", 401}, {"Authorization: Basic YW5vbjph\r\n", 401}};
+    // clang-format on
     for (const char* target : {"/get", "/set_interface_filters"})
         for (const auto& [field, expected] : fields) {
             const std::string body = target[1] == 'g' ? R"({"Path":"$"})" : "[]";
@@ -171,49 +168,27 @@ TEST_F(EngineServer, RefusedRequests) {
 // The web app folder serves its files (links inside it too) with their types, and never a
 // file whose real path is outside it, however the target is written.
 TEST_F(EngineServer, WebAppTraversal) {
+    // clang-format off
     const std::tuple<std::string, std::string, std::string> served[] = {
-        {"/", "index.html", "text/html; charset=utf-8"},
-        {"/sub/", "sub/index.html", "text/html"},
-        {"/app.js?v=3", "app.js", "application/javascript"},
-        {"/alias.js", "app.js", "application/javascript"},
-        {"/i.png", "i.png", "image/png"},
-        {"/%252e%252e/in.txt", "%2e%2e/in.txt", "text/plain"}};
+        {"/", "index.html", "text/html; charset=utf-8"}, {"/sub/", "sub/index.html", "text/html"},
+        {"/app.js?v=3", "app.js", "application/javascript"}, {"/alias.js", "app.js", "application/javascript"},
+        {"/i.png", "i.png", "image/png"}, {"/%252e%252e/in.txt", "%2e%2e/in.txt", "text/plain"}};
+    // clang-format on
     for (const auto& [target, body, type] : served) {
         const std::string raw = ask(port, get(target));
         EXPECT_EQ(raw.substr(raw.find("\r\n\r\n") + 4), body) << target;
         EXPECT_NE(raw.find("Content-Type: " + type), std::string::npos) << target << raw;
     }
     Rows refused;
-    for (const std::string& target : std::vector<std::string>{"/../secret.txt",
-                                                              "/sub/../../secret.txt",
-                                                              "/%2e%2e/secret.txt",
-                                                              "/%2E%2E%2Fsecret.txt",
-                                                              "/..%2fsecret.txt",
-                                                              "/.%2e/secret.txt",
-                                                              "/sub/%2e%2e%2f%2e%2e%2fsecret.txt",
-                                                              "/%252e%252e%252fsecret.txt",
-                                                              "/..\\secret.txt",
-                                                              "/%5C..%5Csecret.txt",
-                                                              "\\..\\secret.txt",
-                                                              "/../secret.txt%00.html",
-                                                              "/index.html%00/../../secret.txt",
-                                                              "/%00",
-                                                              "/" + secret,
-                                                              "//" + secret,
-                                                              "/%2f" + secret.substr(1),
-                                                              secret,
-                                                              "http://127.0.0.1" + secret,
-                                                              "/link.txt",
-                                                              "/up/secret.txt",
-                                                              "/up/webapp/../secret.txt",
-                                                              "/%c0%ae%c0%ae/secret.txt",
-                                                              "/..;/secret.txt",
-                                                              "/.../secret.txt",
-                                                              "/%",
-                                                              "/%2",
-                                                              "/%zz",
-                                                              "/sub",
-                                                              "/missing.html"})
+    // clang-format off
+    for (const std::string& target : std::vector<std::string>{
+             "/../secret.txt", "/sub/../../secret.txt", "/%2e%2e/secret.txt", "/%2E%2E%2Fsecret.txt",
+             "/..%2fsecret.txt", "/.%2e/secret.txt", "/sub/%2e%2e%2f%2e%2e%2fsecret.txt", "/%252e%252e%252fsecret.txt",
+             "/..\\secret.txt", "/%5C..%5Csecret.txt", "\\..\\secret.txt", "/../secret.txt%00.html",
+             "/index.html%00/../../secret.txt", "/%00", "/" + secret, "//" + secret, "/%2f" + secret.substr(1),
+             secret, "http://127.0.0.1" + secret, "/link.txt", "/up/secret.txt", "/up/webapp/../secret.txt",
+             "/%c0%ae%c0%ae/secret.txt", "/..;/secret.txt", "/.../secret.txt", "/%", "/%2", "/%zz", "/sub", "/missing.html"})
+        // clang-format on
         refused.emplace_back(get(target), 404);
     refused.emplace_back("GET / HTTP/1.1\r\n", 0);  // dropped after the idle time
     expectStatuses(refused);
@@ -241,13 +216,12 @@ TEST(Engine, Lifecycle) {
     ASSERT_EQ(KLV_Initialize(-1, 0, 3), 0);
     EXPECT_NE(KLV_Initialize(-1, 0, 1), 0);  // already running
     const std::string whole = ask(port, post("/get", R"({"Path":"$"})"));
-    for (
-        const std::string& part : std::vector<std::string>{
-            R"("Plugins":[{"Name":"<b>","Major":1,"Minor":0},{"Name":"Delta","Major":4,"Minor":2}])",
-            R"("PluginDirectory":[")" + plugins + R"(",")" + appData.path() +
-                "/Corvane Technologies/velmor/plugins\"]",
-            R"("Port":)" + std::to_string(port), R"("Master":true)",
-            R"("InterfaceFilters":[{"Ip":"192.0.2.1")"})
+    // clang-format off
+    for (const std::string& part : std::vector<std::string>{
+             R"("Plugins":[{"Name":"<b>","Major":1,"Minor":0},{"Name":"Delta","Major":4,"Minor":2}])",
+             R"("PluginDirectory":[")" + plugins + R"(",")" + appData.path() + "/Corvane Technologies/velmor/plugins\"]",
+             R"("Master":true,"Port":)" + std::to_string(port), R"("InterfaceFilters":[{"Ip":"192.0.2.1")"})
+        // clang-format on
         EXPECT_NE(whole.find(part), std::string::npos) << part << "\n" << whole;
     const std::string page = ask(port, get("/"));  // no web app folder: the status page
     EXPECT_NE(page.find("VELMOR Engine"), std::string::npos);
@@ -280,12 +254,11 @@ TEST(Engine, Lifecycle) {
     EXPECT_EQ(statusOf(ask(port, post("/get", R"({"Path":"$"})"))), 0);
     EXPECT_EQ(statusOf(ask(port, post("/set_interface_filters", "[]"), "127.0.0.2")), 200);
     std::atomic<int> ok{0};
-    std::vector<std::thread> clients;
+    std::vector<std::thread> clients;  // many at once, on any address now
     for (int t = 0; t < 16; ++t)
         clients.emplace_back([&] {
             for (int i = 0; i < 20; ++i)
-                ok +=
-                    statusOf(ask(port, post("/get", R"({"Path":"$.Config"})"), "127.0.0.3")) == 200;
+                ok += statusOf(ask(port, post("/get", "{\"Path\":\"$\"}"), "127.0.0.3")) == 200;
         });
     for (auto& client : clients)
         client.join();

@@ -32,6 +32,16 @@ const std::string kBanner =
 const std::string kShowRequest = "Another agent asked to show the web application";
 const std::string kNoGuard = "No single-instance guard";
 
+void sendTo(const std::string& path, const std::string& bytes) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << path;
+    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    close(fd);
+}
+
 int listenUnix(const std::string& path) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
     sockaddr_un address{};
@@ -61,9 +71,9 @@ protected:
         vlm::test::writeFile(appFolder() + "/config.json", text);
     }
     // The second agent hands over: it leaves silently with 0 about a second later.
-    void expectHandOver(Child& first) {
+    void expectHandOver(Child& first, const char* user = nullptr) {
         const auto started = std::chrono::steady_clock::now();
-        auto second = start({});
+        auto second = start({}, user);
         EXPECT_EQ(second->wait(10s), 0);
         EXPECT_GE(std::chrono::steady_clock::now() - started, 1s);
         EXPECT_EQ(second->output(), "");
@@ -72,6 +82,7 @@ protected:
 
     TempDir appData, common, runtime, outputs, temp;
     unsigned short port = vlm::test::freeLoopbackPort();
+    // No DNS-SD here: the machine's own network must not see test engines.
     std::map<std::string, std::string> env = {
         {"APPDATA", appData.path()},
         {"VELMOR_COMMON_APPDATA", common.path()},
@@ -79,7 +90,6 @@ protected:
         {"TMPDIR", temp.path()},
         {"QT_QPA_PLATFORM", "offscreen"},
         {"VELMOR_ENGINE_PORT", std::to_string(port)},
-        // No DNS-SD here: the machine's own network must not see test engines.
         {"VELMOR_DNSSD_LIBRARY", "/nonexistent/libvelmor_dnssd.so"}};
 };
 
@@ -155,15 +165,8 @@ TEST_F(Roles, SingleInstanceHandOver) {
     ASSERT_TRUE(first->waitForOutput(kBanner, 10s)) << first->output();
     EXPECT_EQ(first->output().substr(0, kBanner.size()), kBanner);
     const std::string name = runtime.path() + "/velmor_agent_singleton";
-    for (const std::string& bytes : {std::string("\x01\x00\x00\x00xy", 6), std::string(1, '\0')}) {
-        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, name.c_str(), sizeof address.sun_path - 1);
-        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        close(fd);
-    }
+    for (const std::string& bytes : {std::string("\x01\x00\x00\x00xy", 6), std::string(1, '\0')})
+        sendTo(name, bytes);
     EXPECT_FALSE(first->waitForOutput(kShowRequest, 300ms));
     expectHandOver(*first);
     expectHandOver(*first);
@@ -173,77 +176,62 @@ TEST_F(Roles, SingleInstanceHandOver) {
     EXPECT_FALSE(fs::exists(name));
 }
 
-// Where the guard's folder is not private to the user, the agent runs without the hand-over,
-// says so once, and never talks to a socket found there. Without XDG_RUNTIME_DIR two agents of
-// one user still hand over through their own folder in the temporary folder.
+// Where the guard's folder is not private to the user, the agent runs without the hand-over and
+// says so once; a socket of another user found there is never used (nor ours by an agent of
+// nobody, whose two agents hand over through their own folder, as ours do without
+// XDG_RUNTIME_DIR).
 TEST_F(Roles, SingleInstanceFolderIsPrivate) {
     writeConfig(R"({"mode": null})");
-    const std::string fallback = temp.path() + "/velmor-" + std::to_string(getuid());
+    for (const std::string& folder : {appData.path(), outputs.path(), appFolder()})
+        chmod(folder.c_str(), 0777);
+    auto fallback = [&](int uid) { return temp.path() + "/velmor-" + std::to_string(uid); };
+    auto mkdirOf = [&](int uid, int owner, int mode) {
+        mkdir(fallback(uid).c_str(), mode);
+        chown(fallback(uid).c_str(), owner, owner);
+    };
     struct Case {
         const char* name;
         std::function<void()> make;
+        const char* user;
         bool handOver;
     } cases[] = {
-        {"own fallback folder", [&] { env.erase("XDG_RUNTIME_DIR"); }, true},
-        {"fallback of another user, with a listener",
-         [&] {
-             env.erase("XDG_RUNTIME_DIR");
-             mkdir(fallback.c_str(), 0700);
-             chown(fallback.c_str(), 65534, 65534);
-         },
-         false},
-        {"fallback open to others",
-         [&] {
-             env.erase("XDG_RUNTIME_DIR");
-             mkdir(fallback.c_str(), 0755);
-         },
-         false},
-        {"runtime folder of another user", [&] { chown(runtime.path().c_str(), 65534, 65534); },
-         false},
+        // clang-format off
+        {"own fallback folder", [] {}, nullptr, true},
+        {"fallback of another user", [&] { mkdirOf(0, 65534, 0700); }, nullptr, false},
+        {"fallback open to others", [&] { mkdirOf(0, 0, 0755); }, nullptr, false},
+        {"runtime folder of another user", [&] { env["XDG_RUNTIME_DIR"] = runtime.path(); chown(runtime.path().c_str(), 65534, 65534); }, nullptr, false},
+        {"our socket in the folder of nobody", [&] { mkdirOf(65534, 65534, 0700); }, "nobody", true},
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        fs::remove_all(fallback);
+        env.erase("XDG_RUNTIME_DIR");
+        for (int uid : {0, 65534})
+            fs::remove_all(fallback(uid));
         c.make();
+        const std::string folder = fallback(c.user ? 65534 : 0);
         const int stranger =
-            fs::exists(fallback) ? listenUnix(fallback + "/velmor_agent_singleton") : -1;
-        auto first = start({});
-        ASSERT_TRUE(first->waitForOutput(kBanner, 10s)) << first->output();
+            fs::exists(folder) ? listenUnix(folder + "/velmor_agent_singleton") : -1;
+        auto first = start({}, c.user);
+        ASSERT_TRUE(first->waitForOutput(kBanner, 10s)) << first->output() << first->errors();
         const std::string out = first->output();
         EXPECT_EQ(out.find(kNoGuard) == std::string::npos, c.handOver) << out;
         EXPECT_EQ(out.find(kNoGuard), out.rfind(kNoGuard));
-        if (c.handOver) {
-            expectHandOver(*first);
-        } else {
-            auto second = start({});
-            EXPECT_TRUE(second->waitForOutput(kBanner, 10s)) << second->output();
-            if (stranger >= 0) {
-                EXPECT_LT(accept(stranger, nullptr, nullptr), 0) << "another user's socket used";
-            }
+        if (c.user) {  // a request from another user (root) is not acted on
+            sendTo(folder + "/velmor_agent_singleton", std::string(4, '\0'));
+            EXPECT_FALSE(first->waitForOutput(kShowRequest, 300ms));
         }
-        if (stranger >= 0)
-            close(stranger);
-        env["XDG_RUNTIME_DIR"] = runtime.path();
+        if (c.handOver) {
+            expectHandOver(*first, c.user);
+        } else {
+            EXPECT_TRUE(start({})->waitForOutput(kBanner, 10s));
+        }
+        if (stranger >= 0) {
+            EXPECT_LT(accept(stranger, nullptr, nullptr), 0) << "a socket of another user was used";
+        }
+        close(stranger);
         chown(runtime.path().c_str(), 0, 0);
     }
-}
-
-// An agent of another user (nobody) finds a socket of ours in its own folder: it does not
-// hand over to it, it runs, and our socket receives nothing.
-TEST_F(Roles, SingleInstanceIgnoresAnotherUsersPeer) {
-    env.erase("XDG_RUNTIME_DIR");
-    chmod(appData.path().c_str(), 0777);
-    chmod(common.path().c_str(), 0755);
-    chmod(outputs.path().c_str(), 0777);
-    const std::string folder = temp.path() + "/velmor-65534";
-    mkdir(folder.c_str(), 0700);
-    chown(folder.c_str(), 65534, 65534);
-    const int ours = listenUnix(folder + "/velmor_agent_singleton");
-    auto agent = start({}, "nobody");
-    EXPECT_TRUE(agent->waitForOutput(kBanner, 10s)) << agent->output() << agent->errors();
-    EXPECT_FALSE(agent->wait(200ms).has_value());
-    EXPECT_LT(accept(ours, nullptr, nullptr), 0);
-    close(ours);
 }
 
 }  // namespace

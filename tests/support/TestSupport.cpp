@@ -212,23 +212,6 @@ size_t collectBody(char* data, size_t size, size_t count, void* target) {
     return size * count;
 }
 
-size_t collectHeader(char* data, size_t size, size_t count, void* target) {
-    std::string line(data, size * count);
-    auto colon = line.find(':');
-    if (colon != std::string::npos) {
-        std::string name = line.substr(0, colon);
-        std::transform(name.begin(), name.end(), name.begin(),
-                       [](unsigned char c) { return std::tolower(c); });
-        std::string value = line.substr(colon + 1);
-        value.erase(0, value.find_first_not_of(' '));
-        value.erase(value.find_last_not_of("\r\n") + 1);
-        (*static_cast<std::map<std::string, std::string>*>(target))[name] = value;
-    }
-    return size * count;
-}
-}  // namespace
-
-namespace {
 HttpResponse request(const std::string& host, const std::string& method, unsigned short port,
                      const std::string& target, const std::string& body,
                      const std::string& credentials, std::chrono::milliseconds timeout) {
@@ -244,8 +227,6 @@ HttpResponse request(const std::string& host, const std::string& method, unsigne
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collectBody);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, collectHeader);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
     curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     if (method == "POST") {

@@ -89,7 +89,6 @@ unsigned short freeLoopbackPort();
 struct HttpResponse {
     int status = 0;  // 0 when no answer came
     std::string body;
-    std::map<std::string, std::string> headers;  // names in lower case
 };
 
 /// One HTTP request to 127.0.0.1; credentials as "user:password" or empty.
