@@ -362,9 +362,11 @@ class Listeners {
 public:
     Listeners(net::io_context& context, std::uint16_t port) : context_(context), port_(port) {}
 
-    /// Listens on addresses (all interfaces when none), keeping those already open; false with
-    /// a reason when none could be opened, and then the old ones are listened on again.
-    bool listenOn(std::vector<std::string> addresses, std::string& error) {
+    /// Listens on addresses (all interfaces when none, or, if asked, when none is on this
+    /// machine), keeping those already open; false with a reason when none could be opened,
+    /// and then the old ones are listened on again.
+    bool listenOn(std::vector<std::string> addresses, std::string& error,
+                  bool anywhereWhenNoneIsHere = false) {
         if (addresses.empty())
             addresses.push_back("0.0.0.0");
         std::lock_guard<std::mutex> lock(mutex_);
@@ -375,6 +377,13 @@ public:
         closeUnless(addresses);
         if (open(addresses, error))
             return true;
+        // Filters that name only another machine's addresses (an agent sends its own) would
+        // leave the server unreachable, even for the request that could put them right.
+        if (open_.empty() && error.empty() && anywhereWhenNoneIsHere) {
+            VLM_LOG(4, "Engine: no filter address is on this machine; listening on all\n");
+            if (open({"0.0.0.0"}, error))
+                return true;
+        }
         closeUnless({});
         std::string ignored;
         open(before, ignored);
@@ -446,11 +455,7 @@ private:
             VLM_LOG(6, "Engine web server listening on %s:%u\n", text.c_str(),
                     static_cast<unsigned>(port_));
         }
-        if (open_.empty()) {
-            error = "none of the interface filter addresses is on this machine";
-            return false;
-        }
-        return true;
+        return !open_.empty();
     }
 
 public:
@@ -480,7 +485,7 @@ void Session::setFilters(const Request& request) {
                           kJson));
     // The answer goes out once the server listens where the filters say.
     std::string error;
-    if (!shared_->listeners->listenOn(addressesOf(*filters), error)) {
+    if (!shared_->listeners->listenOn(addressesOf(*filters), error, true)) {
         VLM_LOG(3, "Engine cannot apply the interface filters: %s\n", error.c_str());
         return send(reply(request, http::status::service_unavailable,
                           "{\"error\":\"the filters cannot be applied\"}", kJson));
@@ -513,8 +518,11 @@ bool EngineServer::start(const std::vector<InterfaceFilter>& filters, std::uint1
     stop();
     auto state = std::make_unique<State>();
     state->listeners = std::make_shared<Listeners>(state->context, port);
-    if (!state->listeners->listenOn(addressesOf(filters), error))
+    if (!state->listeners->listenOn(addressesOf(filters), error)) {
+        if (error.empty())
+            error = "none of the interface filter addresses is on this machine";
         return false;
+    }
     port_ = state->listeners->port();
     state->listeners->startAccepting(std::make_shared<Shared>(
         Shared{std::make_shared<EngineDocument>(pluginFolders_, filters, master_, port_),

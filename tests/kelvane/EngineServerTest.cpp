@@ -244,15 +244,16 @@ TEST(Engine, Lifecycle) {
     EXPECT_EQ(statusOf(asking.read(true)), 100);
     EXPECT_EQ(statusOf(asking.send(R"({"Path":"$"})").read()), 200);
 
-    // Filters take effect before the answer: the old address is gone, the new one serves;
-    // no filters means every interface.
+    // Filters take effect before the answer: the old address is gone, the new one serves.
     const std::string moved =
         ask(port, post("/set_interface_filters", R"([{"Ip":"127.0.0.2","Mask":"255.0.0.0"}])"));
     EXPECT_NE(moved.find(R"(200 OK)"), std::string::npos) << moved;
     EXPECT_NE(moved.find(R"([{"Ip":"127.0.0.2","Mask":"255.0.0.0"}])"), std::string::npos);
     EXPECT_EQ(statusOf(ask(port, post("/get", R"({"Path":"$"})"), "127.0.0.2")), 200);
     EXPECT_EQ(statusOf(ask(port, post("/get", R"({"Path":"$"})"))), 0);
-    EXPECT_EQ(statusOf(ask(port, post("/set_interface_filters", "[]"), "127.0.0.2")), 200);
+    // Only another machine's address (an agent sends its own): listening on all, never on none.
+    const std::string elsewhere = R"([{"Ip":"192.0.2.1","Mask":"255.255.255.0"}])";
+    EXPECT_EQ(statusOf(ask(port, post("/set_interface_filters", elsewhere), "127.0.0.2")), 200);
     std::atomic<int> ok{0};
     std::vector<std::thread> clients;  // many at once, on any address now
     for (int t = 0; t < 16; ++t)
