@@ -58,8 +58,12 @@ void makeBaseFolder(const std::string& path) {
 }
 
 std::FILE* openRegularFile(const std::string& path) {
-    // Opened without blocking and checked on the descriptor, so a FIFO put there between a
-    // check and the open still never blocks.
+    // Opening a FIFO would release a writer waiting on it: only a regular file is opened.
+    if (const int kind = fileKind(path); kind != 1) {
+        errno = kind == 0 ? ENOENT : EINVAL;
+        return nullptr;
+    }
+    // Without blocking and checked again on the descriptor, for a FIFO put there meanwhile.
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
         return nullptr;
