@@ -53,8 +53,8 @@ TEST_F(AppConfigTest, FilesReadChangedAndKept) {
         {"not json", [](auto& f) { writeFile(f, "{ not json"); }, "", "does not hold a JSON object", ""},
         {"empty", [](auto& f) { writeFile(f, ""); }, "", "does not hold a JSON object", ""},
         {"array", [](auto& f) { writeFile(f, "[1, 2]"); }, "", "does not hold a JSON object", ""},
-        {"folder", [](auto& f) { fs::create_directory(f); }, "", "not a regular file", ""},
-        {"fifo", [](auto& f) { mkfifo(f.c_str(), 0600); }, "", "not a regular file", ""},
+        {"folder", [](auto& f) { fs::create_directory(f); }, "", "cannot be read (not a regular file)", ""},
+        {"fifo", [](auto& f) { mkfifo(f.c_str(), 0600); }, "", "cannot be read (not a regular file)", ""},
         // clang-format on
     };
     for (const auto& c : cases) {
