@@ -2,13 +2,13 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 #include <rapidjson/pointer.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
+#include <algorithm>
+#include <filesystem>
 
 namespace kelvane {
 
@@ -37,7 +37,7 @@ std::optional<std::string> pointerFor(const std::string& path) {
         rest = rest.substr(2);
         std::replace(rest.begin(), rest.end(), '.', '/');
     }
-    if (rest.front() != '/')
+    if (rest.empty() || rest.front() != '/')
         rest.insert(rest.begin(), '/');
     return rest;
 }
@@ -155,7 +155,8 @@ std::string EngineDocument::get(const std::string& path) const {
     return value ? serialise(*value) : std::string();
 }
 
-std::optional<std::string> EngineDocument::setInterfaceFilters(const std::string& body) {
+std::optional<std::vector<InterfaceFilter>> EngineDocument::parseInterfaceFilters(
+    const std::string& body) {
     rapidjson::Document document;
     // Bodies come from the network: a deeply nested one must not exhaust the stack.
     document.Parse<rapidjson::kParseIterativeFlag>(body.c_str(), body.size());
@@ -175,6 +176,10 @@ std::optional<std::string> EngineDocument::setInterfaceFilters(const std::string
             return std::nullopt;
         filters.push_back(std::move(filter));
     }
+    return filters;
+}
+
+std::string EngineDocument::setInterfaceFilters(std::vector<InterfaceFilter> filters) {
     std::lock_guard<std::mutex> lock(mutex_);
     filters_ = std::move(filters);
     rebuild();

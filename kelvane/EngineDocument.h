@@ -30,9 +30,12 @@ public:
     /// empty when the path names nothing.
     std::string get(const std::string& path) const;
 
-    /// Replaces the filters from a JSON array of {"Ip","Mask"}; the filters now in force as
-    /// JSON text, or nothing when the body is not such an array of IPv4 texts.
-    std::optional<std::string> setInterfaceFilters(const std::string& body);
+    /// The filters in a JSON array of {"Ip","Mask"}; nothing when the body is not such an
+    /// array of IPv4 texts.
+    static std::optional<std::vector<InterfaceFilter>> parseInterfaceFilters(
+        const std::string& body);
+    /// Replaces the filters; the filters now in force as JSON text.
+    std::string setInterfaceFilters(std::vector<InterfaceFilter> filters);
 
     /// Plug-in files found in the folders when the engine started: "<name>.so" or
     /// "<name>.dll", with an optional "_<major>.<minor>" version suffix on the name.

@@ -5,6 +5,7 @@
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <mutex>
 #include <optional>
 
 #include "Log.h"
@@ -25,10 +26,13 @@ constexpr const char* kServerName = "Kelvane";
 constexpr const char* kJson = "application/json";
 constexpr std::size_t kBufferSlack = 16 * 1024;
 
+class Listeners;
+
 struct Shared {
     std::shared_ptr<EngineDocument> document;
     WebAppFiles files;
     ServerLimits limits;
+    std::shared_ptr<Listeners> listeners;
 };
 
 bool authorised(const Request& request) {
@@ -209,15 +213,7 @@ private:
         send(reply(request, http::status::ok, std::move(value), kJson));
     }
 
-    void setFilters(const Request& request) {
-        auto inForce = shared_->document->setInterfaceFilters(request.body());
-        if (!inForce)
-            return send(reply(request, http::status::bad_request,
-                              "{\"error\":\"expected [{\\\"Ip\\\": IPv4, \\\"Mask\\\": IPv4}]\"}",
-                              kJson));
-        VLM_LOG(6, "Engine interface filters changed: %s\n", inForce->c_str());
-        send(reply(request, http::status::ok, std::move(*inForce), kJson));
-    }
+    void setFilters(const Request& request);
 
     void serveFile(const Request& request, const std::string& path) {
         if (!shared_->files.present()) {
@@ -311,45 +307,199 @@ private:
     std::shared_ptr<const Shared> shared_;
 };
 
-/// \brief Accepts connections on one address until the context stops.
-class Listener {
+/// \brief Accepts connections on one address until the context stops or it is closed.
+class Listener : public std::enable_shared_from_this<Listener> {
 public:
     Listener(net::io_context& context, tcp::acceptor acceptor, std::shared_ptr<const Shared> shared)
-        : context_(context),
+        : shared_(std::move(shared)),
+          context_(context),
           acceptor_(std::move(acceptor)),
-          retry_(context),
-          shared_(std::move(shared)) {}
+          retry_(context) {}
 
     void accept() {
-        acceptor_.async_accept(net::make_strand(context_),
-                               [this](beast::error_code error, tcp::socket socket) {
-                                   if (error == net::error::operation_aborted)
-                                       return;
-                                   if (!error) {
-                                       std::make_shared<Session>(std::move(socket), shared_)->run();
-                                       return accept();
-                                   }
-                                   // Out of descriptors: let connections finish before retrying.
-                                   retry_.expires_after(std::chrono::milliseconds(50));
-                                   retry_.async_wait([this](beast::error_code waitError) {
-                                       if (!waitError)
-                                           accept();
-                                   });
-                               });
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!acceptor_.is_open())
+            return;
+        acceptor_.async_accept(
+            net::make_strand(context_),
+            [self = shared_from_this()](beast::error_code error, tcp::socket socket) {
+                if (error == net::error::operation_aborted)
+                    return;
+                if (!error) {
+                    std::make_shared<Session>(std::move(socket), self->shared_)->run();
+                    return self->accept();
+                }
+                // Out of descriptors: let connections finish before retrying.
+                std::lock_guard<std::mutex> lock(self->mutex_);
+                self->retry_.expires_after(std::chrono::milliseconds(50));
+                self->retry_.async_wait([self](beast::error_code waitError) {
+                    if (!waitError)
+                        self->accept();
+                });
+            });
     }
+
+    // Called from any thread; the acceptor is only touched under the mutex.
+    void close() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        beast::error_code ignored;
+        acceptor_.close(ignored);
+        retry_.cancel();
+    }
+
+    std::string address_;
+    std::shared_ptr<const Shared> shared_;
 
 private:
     net::io_context& context_;
+    std::mutex mutex_;
     tcp::acceptor acceptor_;
     net::steady_timer retry_;
+};
+
+/// \brief The listening addresses, changed at once by "/set_interface_filters".
+class Listeners {
+public:
+    Listeners(net::io_context& context, std::uint16_t port) : context_(context), port_(port) {}
+
+    /// Listens on addresses (all interfaces when none, or, if asked, when none is on this
+    /// machine), keeping those already open; false with a reason when none could be opened,
+    /// and then the old ones are listened on again.
+    bool listenOn(std::vector<std::string> addresses, std::string& error,
+                  bool anywhereWhenNoneIsHere = false) {
+        if (addresses.empty())
+            addresses.push_back("0.0.0.0");
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<std::string> before;
+        for (const auto& listener : open_)
+            before.push_back(listener->address_);
+        // Closed first: a listener on all interfaces holds the port for every address.
+        closeUnless(addresses);
+        if (open(addresses, error))
+            return true;
+        // Filters that name only another machine's addresses (an agent sends its own) would
+        // leave the server unreachable, even for the request that could put them right.
+        if (open_.empty() && error.empty() && anywhereWhenNoneIsHere) {
+            VLM_LOG(4, "Engine: no filter address is on this machine; listening on all\n");
+            if (open({"0.0.0.0"}, error))
+                return true;
+        }
+        closeUnless({});
+        std::string ignored;
+        open(before, ignored);
+        return false;
+    }
+
+    /// Starts accepting, once what sessions share exists.
+    void startAccepting(std::shared_ptr<const Shared> shared) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        shared_ = std::move(shared);
+        for (auto& listener : open_) {
+            listener->shared_ = shared_;
+            listener->accept();
+        }
+    }
+    void closeAll() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        closeUnless({});
+        shared_.reset();
+    }
+
+private:
+    void closeUnless(const std::vector<std::string>& keep) {
+        auto end = std::remove_if(open_.begin(), open_.end(), [&](const auto& listener) {
+            if (std::find(keep.begin(), keep.end(), listener->address_) != keep.end())
+                return false;
+            listener->close();
+            return true;
+        });
+        open_.erase(end, open_.end());
+    }
+
+    bool open(const std::vector<std::string>& addresses, std::string& error) {
+        for (const auto& text : addresses) {
+            if (std::any_of(open_.begin(), open_.end(),
+                            [&](const auto& listener) { return listener->address_ == text; }))
+                continue;
+            beast::error_code failure;
+            auto address = net::ip::make_address_v4(text, failure);
+            if (failure) {
+                VLM_LOG(4, "Engine: %s is not an IPv4 address; skipped\n", text.c_str());
+                continue;
+            }
+            tcp::acceptor acceptor(context_);
+            tcp::endpoint endpoint(address, port_);
+            acceptor.open(endpoint.protocol(), failure);
+            if (!failure)
+                acceptor.set_option(tcp::acceptor::reuse_address(true), failure);
+            if (!failure)
+                acceptor.bind(endpoint, failure);
+            if (failure == boost::system::errc::address_not_available) {
+                // The interface is gone (unplugged, new address): serve on the others.
+                VLM_LOG(4, "Engine: %s is not on this machine; skipped\n", text.c_str());
+                continue;
+            }
+            if (!failure)
+                acceptor.listen(net::socket_base::max_listen_connections, failure);
+            if (failure) {
+                error = text + ":" + std::to_string(port_) + ": " + failure.message();
+                return false;
+            }
+            if (port_ == 0)
+                port_ = acceptor.local_endpoint().port();
+            auto listener = std::make_shared<Listener>(context_, std::move(acceptor), shared_);
+            listener->address_ = text;
+            open_.push_back(listener);
+            if (shared_)
+                listener->accept();
+            VLM_LOG(6, "Engine web server listening on %s:%u\n", text.c_str(),
+                    static_cast<unsigned>(port_));
+        }
+        return !open_.empty();
+    }
+
+public:
+    std::uint16_t port() const { return port_; }
+
+private:
+    net::io_context& context_;
+    std::uint16_t port_;
+    std::mutex mutex_;
+    std::vector<std::shared_ptr<Listener>> open_;
     std::shared_ptr<const Shared> shared_;
 };
+
+std::vector<std::string> addressesOf(const std::vector<InterfaceFilter>& filters) {
+    std::vector<std::string> addresses;
+    for (const auto& filter : filters)
+        if (std::find(addresses.begin(), addresses.end(), filter.ip) == addresses.end())
+            addresses.push_back(filter.ip);
+    return addresses;
+}
+
+void Session::setFilters(const Request& request) {
+    auto filters = EngineDocument::parseInterfaceFilters(request.body());
+    if (!filters)
+        return send(reply(request, http::status::bad_request,
+                          "{\"error\":\"expected [{\\\"Ip\\\": IPv4, \\\"Mask\\\": IPv4}]\"}",
+                          kJson));
+    // The answer goes out once the server listens where the filters say.
+    std::string error;
+    if (!shared_->listeners->listenOn(addressesOf(*filters), error, true)) {
+        VLM_LOG(3, "Engine cannot apply the interface filters: %s\n", error.c_str());
+        return send(reply(request, http::status::service_unavailable,
+                          "{\"error\":\"the filters cannot be applied\"}", kJson));
+    }
+    std::string inForce = shared_->document->setInterfaceFilters(std::move(*filters));
+    VLM_LOG(6, "Engine interface filters changed: %s\n", inForce.c_str());
+    send(reply(request, http::status::ok, std::move(inForce), kJson));
+}
 
 }  // namespace
 
 struct EngineServer::State {
     net::io_context context;
-    std::vector<std::unique_ptr<Listener>> listeners;
+    std::shared_ptr<Listeners> listeners;
 };
 
 EngineServer::EngineServer(std::vector<std::string> pluginFolders, std::string webAppFolder,
@@ -367,61 +517,16 @@ bool EngineServer::start(const std::vector<InterfaceFilter>& filters, std::uint1
                          std::string& error) {
     stop();
     auto state = std::make_unique<State>();
-    std::vector<std::string> addresses;
-    for (const auto& filter : filters)
-        if (std::find(addresses.begin(), addresses.end(), filter.ip) == addresses.end())
-            addresses.push_back(filter.ip);
-    if (addresses.empty())
-        addresses.push_back("0.0.0.0");
-
-    std::vector<tcp::acceptor> acceptors;
-    std::uint16_t chosen = port;
-    for (const auto& text : addresses) {
-        beast::error_code failure;
-        auto address = net::ip::make_address_v4(text, failure);
-        if (failure) {
-            VLM_LOG(4, "Engine: %s is not an IPv4 address; skipped\n", text.c_str());
-            continue;
-        }
-        tcp::acceptor acceptor(state->context);
-        tcp::endpoint endpoint(address, chosen);
-        acceptor.open(endpoint.protocol(), failure);
-        if (!failure)
-            acceptor.set_option(tcp::acceptor::reuse_address(true), failure);
-        if (!failure)
-            acceptor.bind(endpoint, failure);
-        if (failure == boost::system::errc::address_not_available) {
-            // The interface is gone (unplugged, new address): serve on the others.
-            VLM_LOG(4, "Engine: %s is not on this machine; skipped\n", text.c_str());
-            continue;
-        }
-        if (!failure)
-            acceptor.listen(net::socket_base::max_listen_connections, failure);
-        if (failure) {
-            error = text + ":" + std::to_string(chosen) + ": " + failure.message();
-            return false;
-        }
-        if (chosen == 0)
-            chosen = acceptor.local_endpoint().port();
-        acceptors.push_back(std::move(acceptor));
-    }
-    if (acceptors.empty()) {
-        error = "none of the interface filter addresses is on this machine";
+    state->listeners = std::make_shared<Listeners>(state->context, port);
+    if (!state->listeners->listenOn(addressesOf(filters), error)) {
+        if (error.empty())
+            error = "none of the interface filter addresses is on this machine";
         return false;
     }
-
-    port_ = chosen;
-    auto shared = std::make_shared<Shared>(
+    port_ = state->listeners->port();
+    state->listeners->startAccepting(std::make_shared<Shared>(
         Shared{std::make_shared<EngineDocument>(pluginFolders_, filters, master_, port_),
-               WebAppFiles(webAppFolder_), limits_});
-    for (auto& acceptor : acceptors) {
-        auto endpoint = acceptor.local_endpoint();
-        state->listeners.push_back(
-            std::make_unique<Listener>(state->context, std::move(acceptor), shared));
-        state->listeners.back()->accept();
-        VLM_LOG(6, "Engine web server listening on %s:%u\n", endpoint.address().to_string().c_str(),
-                static_cast<unsigned>(endpoint.port()));
-    }
+               WebAppFiles(webAppFolder_), limits_, state->listeners}));
     state_ = std::move(state);
     unsigned count = std::clamp(std::thread::hardware_concurrency(), 2u, 4u);
     for (unsigned i = 0; i < count; ++i)
@@ -436,8 +541,8 @@ void EngineServer::stop() {
     for (auto& thread : threads_)
         thread.join();
     threads_.clear();
-    // Listeners and unfinished sessions go with the context.
-    state_->listeners.clear();
+    // Breaks the cycle listeners -> shared -> listeners; sessions go with the context.
+    state_->listeners->closeAll();
     state_.reset();
 }
 

@@ -9,7 +9,7 @@
 #include "platform/Platform.h"
 #include "rapidjson/error/en.h"
 #include "rapidjson/filereadstream.h"
-#include "rapidjson/filewritestream.h"
+#include "rapidjson/stringbuffer.h"
 #include "rapidjson/writer.h"
 
 namespace vlm {
@@ -34,7 +34,7 @@ bool isDirectory(const std::string& path) {
 }
 
 json::DocumentPtr readJsonFile(const std::string& path, bool* parsed) {
-    File file(std::fopen(path.c_str(), "rb"));
+    File file(platform::openRegularFile(path));
     if (!file)
         return nullptr;
     std::vector<char> buffer(kReadBufferSize);
@@ -51,6 +51,7 @@ void AppConfig::buildFolders() {
     std::string base = platform::userAppDataFolder();
     if (base.empty())
         VLM_LOG(3, "No per-user folder: neither APPDATA nor HOME is set\n");
+    platform::makeBaseFolder(base);
     const std::string maker = base + separator + platform::kMakerFolder;
     platform::makeDirectory(maker);
 
@@ -71,9 +72,16 @@ void AppConfig::load(const char* path) {
 
     bool parsed = true;
     document = readJsonFile(configFilePath, &parsed);
+    const int kind = platform::fileKind(configFilePath);
     if (!document) {
         document = std::make_shared<json::Document>();
         document->SetObject();
+        // What could not be read is never written over: it is kept aside first.
+        if (kind != 0) {
+            keepFileAside_ = true;
+            VLM_LOG(4, "%s cannot be read (%s); the defaults apply\n", configFilePath.c_str(),
+                    kind == 1 ? std::strerror(errno) : "not a regular file");
+        }
     } else if (!parsed || !document->IsObject()) {
         keepFileAside_ = true;
         VLM_LOG(4, "%s does not hold a JSON object; the defaults apply\n", configFilePath.c_str());
@@ -93,41 +101,41 @@ void AppConfig::load(const char* path) {
 bool AppConfig::save() {
     if (!document)
         return false;
-    auto fail = [this](const std::string& path) {
-        saveError_ = std::strerror(errno);
+    auto fail = [this](const std::string& path, const std::string& reason) {
+        saveError_ = reason;
         ++failedSaves_;
         VLM_LOG(3, "Cannot write %s: %s\n", path.c_str(), saveError_.c_str());
         return false;
     };
     // A file the user wrote by hand that did not parse is kept, never silently replaced: while
-    // it cannot be moved aside, nothing is written over it.
+    // no copy of it can be made, nothing is written over it. Copies never replace earlier ones.
     if (keepFileAside_) {
-        const std::string kept = configFilePath + ".invalid";
-        if (std::rename(configFilePath.c_str(), kept.c_str()) == 0)
+        if (platform::fileKind(configFilePath) == 2)
+            return fail(configFilePath, "not a regular file");
+        std::error_code error;
+        std::string kept;
+        for (unsigned n = 0; n < 1000; ++n) {
+            kept = configFilePath + ".invalid" + (n ? "." + std::to_string(n) : std::string());
+            error.clear();
+            if (std::filesystem::copy_file(configFilePath, kept, error) ||
+                error != std::errc::file_exists)
+                break;
+        }
+        if (error && error != std::errc::no_such_file_or_directory)
+            return fail(kept, error.message());
+        if (!error)
             VLM_LOG(4, "The unreadable configuration was kept as %s\n", kept.c_str());
-        else if (errno != ENOENT)
-            return fail(kept);
         keepFileAside_ = false;
     }
-    const std::string temporary = configFilePath + ".tmp";
-    File file(std::fopen(temporary.c_str(), "wb"));
-    if (!file)
-        return fail(temporary);
-    char buffer[kReadBufferSize];
-    rapidjson::FileWriteStream stream(file.get(), buffer, sizeof buffer);
+    rapidjson::StringBuffer text;
     // The writer's default level stack is 32 levels of 16 bytes: 512 bytes to start with.
-    rapidjson::Writer<rapidjson::FileWriteStream> writer(stream);
+    rapidjson::Writer<rapidjson::StringBuffer> writer(text);
     writer.SetMaxDecimalPlaces(kMaxDecimalPlaces);
     document->Accept(writer);
-    stream.Flush();
-    bool written = std::fflush(file.get()) == 0 && !std::ferror(file.get());
-    written = std::fclose(file.release()) == 0 && written;
-    if (!written || std::rename(temporary.c_str(), configFilePath.c_str()) != 0) {
-        const int error = errno;
-        std::remove(temporary.c_str());
-        errno = error;
-        return fail(configFilePath);
-    }
+    if (platform::fileKind(configFilePath) == 2)
+        return fail(configFilePath, "not a regular file");
+    if (!platform::replaceFile(configFilePath, std::string(text.GetString(), text.GetSize())))
+        return fail(configFilePath, std::strerror(errno));
     saveError_.clear();
     return true;
 }

@@ -19,9 +19,10 @@ std::vector<std::string> interfaceHardwareIdsFrom(json::Document* document) {
     if (filtering && filtering->IsArray()) {
         for (const json::Value& element : filtering->GetArray()) {
             const json::Value& id = json::checkedMember(element, "hardware_id");
-            // A wrong type reads as an empty id, which matches no interface.
-            ids.emplace_back(id.IsString() ? std::string(id.GetString(), id.GetStringLength())
-                                           : std::string());
+            // Read as "", a missing id would match interfaces without a hardware address, such
+            // as a VPN tunnel: skipped instead.
+            if (id.IsString())
+                ids.emplace_back(id.GetString(), id.GetStringLength());
         }
     }
     if (ids.empty())

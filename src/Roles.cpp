@@ -80,7 +80,11 @@ int runEngineServer(bool master, std::int64_t agentPid) {
 
 int runAgent(QApplication& application, const MainWindowFactory& makeMainWindow) {
     QSingletonApp singleton;
-    const QString name = QString::fromStdString(platform::singleInstanceServerName());
+    std::string problem;
+    const QString name = QString::fromStdString(platform::singleInstanceServerName(problem));
+    if (name.isEmpty())
+        VLM_LOG(4, "No single-instance guard: %s; a second agent will not hand over\n",
+                problem.c_str());
     if (singleton.claim(name, kSingletonConnectMs)) {
         singleton.send(kShowWebAppMessage);
         std::this_thread::sleep_for(kSecondAgentLinger);

@@ -1,5 +1,7 @@
 #include "SingletonApp.h"
 
+#include "platform/Platform.h"
+
 QSingletonApp::QSingletonApp(QObject* parent) : QObject(parent) {}
 
 QSingletonApp::~QSingletonApp() {
@@ -9,10 +11,17 @@ QSingletonApp::~QSingletonApp() {
 }
 
 bool QSingletonApp::claim(const QString& serverName, int timeoutMs) {
+    // Without a private name there is no guard: this agent runs on its own.
+    if (serverName.isEmpty())
+        return false;
     socket.connectToServer(serverName, QIODevice::ReadWrite);
     if (socket.waitForConnected(timeoutMs)) {
-        alreadyRunning = true;
-        return true;
+        // Only an agent of the same user may stop this one and hear from it.
+        if (vlm::platform::peerIsSameUser(socket.socketDescriptor())) {
+            alreadyRunning = true;
+            return true;
+        }
+        socket.abort();
     }
     // Nobody answered: a socket file left by an agent that crashed must not block listening.
     QLocalServer::removeServer(serverName);
@@ -25,6 +34,11 @@ void QSingletonApp::acceptConnection() {
     QLocalSocket* client = server.nextPendingConnection();
     if (!client)
         return;
+    if (!vlm::platform::peerIsSameUser(client->socketDescriptor())) {
+        client->abort();
+        client->deleteLater();
+        return;
+    }
     connect(client, &QLocalSocket::disconnected, client, &QObject::deleteLater);
     connect(
         client, &QLocalSocket::readyRead, client,

@@ -2,6 +2,7 @@
 // The few operating-system services the program needs, one implementation per system.
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 namespace vlm::platform {
@@ -17,6 +18,19 @@ bool commonAppDataFolder(std::string& folder);
 
 /// Creates one folder level; failures (already there, missing parent) are ignored.
 void makeDirectory(const std::string& path);
+/// Creates the per-user base folder with its missing parents where the system may lack it (a
+/// new Linux account has no ~/.config); failures are ignored.
+void makeBaseFolder(const std::string& path);
+
+/// Opens a file for reading only when it is a regular file: a folder or a FIFO is never opened
+/// (a FIFO would block the reader). Null otherwise, with errno set.
+std::FILE* openRegularFile(const std::string& path);
+/// The kind of what path names after links: 0 nothing, 1 a regular file, 2 anything else.
+int fileKind(const std::string& path);
+/// Writes content whole to a temporary file beside path (its link target when path is a
+/// symbolic link), with the mode of the file it replaces, then renames it over that file.
+/// False with errno set when anything failed; the old file is then intact.
+bool replaceFile(const std::string& path, const std::string& content);
 
 bool isDirectory(const std::string& path);
 
@@ -39,8 +53,11 @@ int terminationRequests();
 /// "major.minor.patch bbuild" of the executable, or "None" when it has no version.
 std::string versionText();
 
-/// Name of the agent's single-instance local socket, placed so that users never share it.
-std::string singleInstanceServerName();
+/// Name of the agent's single-instance local socket, placed so that users never share it; empty,
+/// with the reason in problem, when its folder is not private to this user.
+std::string singleInstanceServerName(std::string& problem);
+/// True when the peer of a connected local socket runs as this process's user.
+bool peerIsSameUser(std::intptr_t socketDescriptor);
 
 /// Folder layout under the base folders, shared by the configuration and the engine.
 constexpr const char* kMakerFolder = "Corvane Technologies";

@@ -1,248 +1,288 @@
+// The engine stand-in as browsers, the agent and hostile clients see it, over raw bytes.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
-#include "KelvaneFixture.h"
+#include "EngineServer.h"
+#include "Kelvane.h"
+#include "TestSupport.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using kelvane::test::EngineServerFixture;
-using kelvane::test::parseJson;
+namespace fs = std::filesystem;
+using Rows = std::vector<std::pair<std::string, int>>;
+const std::string kAuth = "Authorization: Basic YW5vbjphbm9u\r\n";
 
-class ControlRequests : public EngineServerFixture {
-protected:
-    void SetUp() override {
-        vlm::test::writeFile(plugins.file("Alpha_2.5.so"), "");
-        vlm::test::writeFile(plugins.file("Beta.dll"), "");
-        vlm::test::writeFile(plugins.file("notes.txt"), "");
-        startServer();
+/// \brief A TCP connection to 127.0.0.x that sends exactly the bytes it is given.
+struct Raw {
+    Raw(unsigned short port, const char* host = "127.0.0.1") {
+        const timeval wait{1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+        sockaddr_in address{AF_INET, htons(port), {inet_addr(host)}, {}};
+        connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     }
+    ~Raw() { close(fd); }
+    Raw& send(const std::string& bytes) {
+        for (std::size_t sent = 0, n = 1; n > 0 && sent < bytes.size(); sent += n)
+            n = std::max<ssize_t>(0, ::send(fd, &bytes[sent], bytes.size() - sent, MSG_NOSIGNAL));
+        return *this;
+    }
+    // What arrives until the peer closes (closed) or a second passes in silence; or one read.
+    std::string read(bool once = false) {
+        std::string data;
+        char chunk[16384];
+        ssize_t n = 0;
+        while ((n = recv(fd, chunk, sizeof chunk, 0)) > 0 && (data.append(chunk, n), !once)) {
+        }
+        closed = closed || n == 0 || (n < 0 && errno != EAGAIN);
+        return data;
+    }
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bool closed = false;
 };
 
-TEST_F(ControlRequests, NeedTheEngineCredentials) {
-    for (const char* target : {"/get", "/set_interface_filters"}) {
-        for (const char* credentials : {"", "anon:wrong", "admin:anon", "anon:anon2", "anon"}) {
-            auto response = post(target, R"({"Path": "$"})", credentials);
-            EXPECT_EQ(response.status, 401) << target << " " << credentials;
-            EXPECT_EQ(response.headers["www-authenticate"].compare(0, 6, "Basic "), 0)
-                << target << " " << credentials;
-            EXPECT_EQ(response.body.find("Plugins"), std::string::npos);
+int statusOf(const std::string& raw) {
+    return raw.compare(0, 5, "HTTP/") == 0 ? std::atoi(raw.c_str() + 9) : 0;
+}
+std::string post(const std::string& target, const std::string& body,
+                 const std::string& auth = kAuth) {
+    return "POST " + target + " HTTP/1.1\r\n" + auth +
+           "Connection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+           body;
+}
+std::string get(const std::string& target) {
+    return "GET " + target + " HTTP/1.1\r\nConnection: close\r\n\r\n";
+}
+std::string ask(unsigned short port, const std::string& request, const char* host = "127.0.0.1") {
+    return Raw(port, host).send(request).read();
+}
+
+class EngineServer : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fs::create_directories(web + "/sub");
+        fs::create_directories(web + "/%2e%2e");
+        for (const char* name :
+             {"index.html", "app.js", "sub/index.html", "%2e%2e/in.txt", "i.png"})
+            vlm::test::writeFile(web + "/" + name, name);
+        vlm::test::writeFile(secret, "outside-the-web-app");
+        fs::create_symlink(secret, web + "/link.txt");
+        fs::create_directory_symlink(base.path(), web + "/up");
+        fs::create_symlink(web + "/app.js", web + "/alias.js");
+        kelvane::ServerLimits limits;
+        limits.idle = 500ms;
+        server =
+            std::make_unique<kelvane::EngineServer>(std::vector<std::string>{}, web, false, limits);
+        std::string error;
+        ASSERT_TRUE(server->start({{"127.0.0.1", "255.0.0.0"}}, 0, error)) << error;
+        port = server->port();
+    }
+    // Each request → its status (0: the connection may only be dropped); never 200 where
+    // another status is due, and the connection ends.
+    void expectStatuses(const Rows& rows) {
+        for (const auto& [request, expected] : rows) {
+            Raw connection(port);
+            const std::string raw = connection.send(request).read();
+            const int answered = statusOf(raw);
+            EXPECT_TRUE(answered == expected || (answered == 0 && expected >= 413) ||
+                        (expected == 0 && answered >= 400))
+                << request.substr(0, 80) << "\n"
+                << raw.substr(0, 200);
+            EXPECT_TRUE(connection.closed) << request.substr(0, 80);
+            EXPECT_EQ(raw.find("outside-the-web-app"), std::string::npos) << request;
         }
     }
+    vlm::test::TempDir base;
+    const std::string web = base.path() + "/webapp", secret = base.path() + "/secret.txt";
+    std::unique_ptr<kelvane::EngineServer> server;
+    unsigned short port = 0;
+};
+
+// Control requests need Basic anon:anon (the scheme in any case), else 401 with a
+// WWW-Authenticate header and nothing of the document; the web app needs none.
+TEST_F(EngineServer, AuthenticationMatrix) {
+    // clang-format off
+    const std::pair<std::string, int> fields[] = {
+        {"", 401}, {kAuth, 200}, {"Authorization: basic YW5vbjphbm9u\r\n", 200},
+        {"Authorization: Basic YW5vbjp3cm9uZw==\r\n", 401}, {"Authorization: Basic YWRtaW46YW5vbg==\r\n", 401},
+        {"Authorization: Bearer YW5vbjphbm9u\r\n", 401}, {"Authorization: YW5vbjphbm9u\r\n", 401},
+        {"Authorization: Basic\r\n", 401}, {"Authorization: Basic YW5vbjph\r\n", 401}};
+    // clang-format on
+    for (const char* target : {"/get", "/set_interface_filters"})
+        for (const auto& [field, expected] : fields) {
+            const std::string body = target[1] == 'g' ? R"({"Path":"$"})" : "[]";
+            const std::string raw = ask(port, post(target, body, field));
+            EXPECT_EQ(statusOf(raw), expected) << target << " " << field;
+            EXPECT_EQ(raw.find("WWW-Authenticate: Basic ") != std::string::npos, expected == 401);
+            EXPECT_EQ(raw.find("Plugins") != std::string::npos, expected == 200 && body != "[]");
+        }
+    expectStatuses({{get("/"), 200}, {post("/index.html", "{}", ""), 401}});
 }
 
-TEST_F(ControlRequests, OtherSchemesAreRefused) {
-    for (const char* field : {"Bearer YW5vbjphbm9u", "YW5vbjphbm9u", "Basic", "Basic YW5vbjph"}) {
-        auto raw = kelvane::test::rawExchange(
-            port, "POST /get HTTP/1.1\r\nHost: x\r\nConnection: close\r\nAuthorization: " +
-                      std::string(field) + "\r\nContent-Length: 13\r\n\r\n{\"Path\": \"$\"}");
-        EXPECT_EQ(kelvane::test::statusOf(raw), 401) << field;
-    }
-    // The scheme name is case-insensitive.
-    auto raw = kelvane::test::rawExchange(
-        port,
-        "POST /get HTTP/1.1\r\nHost: x\r\nConnection: close\r\nAuthorization: basic "
-        "YW5vbjphbm9u\r\nContent-Length: 13\r\n\r\n{\"Path\": \"$\"}");
-    EXPECT_EQ(kelvane::test::statusOf(raw), 200);
-}
-
-TEST_F(ControlRequests, WholeDocumentListsPluginsAndTheirFolder) {
-    auto response = post("/get", R"({"Path": "$"})");
-    ASSERT_EQ(response.status, 200);
-    EXPECT_EQ(response.headers["content-type"], "application/json");
-    auto document = parseJson(response.body);
-    ASSERT_TRUE(document.IsObject()) << response.body;
-    const auto& config = document["Config"];
-    ASSERT_TRUE(config.IsObject());
-    const auto& list = config["Plugins"];
-    ASSERT_TRUE(list.IsArray());
-    ASSERT_EQ(list.Size(), 2u) << response.body;
-    EXPECT_STREQ(list[0]["Name"].GetString(), "Alpha");
-    EXPECT_EQ(list[0]["Major"].GetInt(), 2);
-    EXPECT_EQ(list[0]["Minor"].GetInt(), 5);
-    EXPECT_STREQ(list[1]["Name"].GetString(), "Beta");
-    EXPECT_EQ(list[1]["Major"].GetInt(), 1);
-    EXPECT_EQ(list[1]["Minor"].GetInt(), 0);
-    const auto& folders = config["PluginDirectory"];
-    ASSERT_TRUE(folders.IsArray());
-    ASSERT_EQ(folders.Size(), 1u);
-    EXPECT_EQ(folders[0].GetString(), plugins.path());
-    EXPECT_EQ(document["Engine"]["Port"].GetInt(), port);
-    EXPECT_FALSE(document["Engine"]["Master"].GetBool());
-}
-
-TEST_F(ControlRequests, PartsOfTheDocument) {
-    auto whole = parseJson(post("/get", R"({"Path": "$"})").body);
-    for (const char* path : {"$.Config.Plugins", "Config/Plugins", "/Config/Plugins"}) {
-        auto response = post("/get", std::string(R"({"Path": ")") + path + "\"}");
-        ASSERT_EQ(response.status, 200) << path;
-        EXPECT_TRUE(parseJson(response.body) == whole["Config"]["Plugins"]) << path;
-    }
-    auto folders = post("/get", R"({"Path": "$.Config.PluginDirectory"})");
-    ASSERT_EQ(folders.status, 200);
-    EXPECT_TRUE(parseJson(folders.body) == whole["Config"]["PluginDirectory"]);
-    EXPECT_EQ(post("/get", R"({"Path": "$.Config.Nothing"})").status, 404);
-}
-
-TEST_F(ControlRequests, BodiesWithoutAPathAreRefused) {
-    for (const char* body : {"", "not json", "{}", "[]", R"({"Path": 5})", R"({"path": "$"})",
-                             R"({"Path": "$")", "\"$\"", R"({"Path": null})"}) {
-        auto response = post("/get", body);
-        EXPECT_GE(response.status, 400) << body;
-        EXPECT_LT(response.status, 500) << body;
-    }
-    // The server is still well after them.
-    EXPECT_EQ(post("/get", R"({"Path": "$"})").status, 200);
-}
-
-TEST_F(ControlRequests, DeeplyNestedBodiesAreRefusedWithoutHarm) {
-    // As deep as the body limit allows: the parser must not recurse once per level.
-    std::string arrays(60000, '[');
-    std::string objects;
+// Refused requests: headers, bodies, chunking, malformed requests, bad control bodies; the
+// server serves on afterwards with its filters unchanged.
+TEST_F(EngineServer, RefusedRequests) {
+    const std::string big(9 * 1024, 'a'), deep(60000, '['),
+        chunked = "POST /get HTTP/1.1\r\n" + kAuth + "Transfer-Encoding: chunked\r\n\r\n";
+    std::string fields, chunks, objects;
+    for (int i = 0; i < 600; ++i)
+        fields += "X-Field-" + std::to_string(i) + ": value\r\n";
+    for (int i = 0; i < 20; ++i)
+        chunks += "1000\r\n" + std::string(0x1000, ' ') + "\r\n";
     for (int i = 0; i < 8000; ++i)
         objects += "{\"a\":";
-    for (const char* target : {"/get", "/set_interface_filters"}) {
-        for (const std::string& body :
-             {arrays, objects, std::string(30000, '[') + std::string(30000, ']')}) {
-            auto response = post(target, body);
-            EXPECT_EQ(response.status, 400) << target;
-        }
+    const std::string filters = "/set_interface_filters";
+    // clang-format off
+    expectStatuses({
+        {"GET / HTTP/1.1\r\nX-Big: " + big + "\r\n\r\n", 431}, {"GET / HTTP/1.1\r\n" + fields + "\r\n", 431},
+        {"GET /" + big + " HTTP/1.1\r\n\r\n", 431}, {"GET / HTTP/1.1\r\nConnection: close\r\nX: " + big.substr(3000) + "\r\n\r\n", 200},
+        {post("/get", R"({"Path": "$", "pad": ")" + std::string(70 * 1024, 'x') + "\"}"), 413},
+        {"POST /get HTTP/1.1\r\n" + kAuth + "Content-Length: 100000000000\r\n\r\n", 413},
+        {chunked + chunks + "0\r\n\r\n", 413}, {chunked + "10;ext=" + std::string(4 << 20, 'e'), 0},
+        {"GARBAGE\r\n\r\n", 400}, {"GET / HTTP/9.9\r\n\r\n", 400}, {"GET / HTTP/1.1\r\nBad Header\r\n\r\n", 400},
+        {"POST /get HTTP/1.1\r\nContent-Length: -5\r\n\r\n", 400}, {"POST /get HTTP/1.1\r\nContent-Length: 40\r\n\r\n{\"P", 0},
+        {post("/get", deep), 400}, {post("/get", objects), 400}, {post(filters, deep), 400},
+        {post("/get", std::string(30000, '[') + std::string(30000, ']')), 400},
+        {post("/get", ""), 400}, {post("/get", "[]"), 400}, {post("/get", R"({"Path": 5})"), 400},
+        {post("/get", R"({"path": "$"})"), 400}, {post("/get", R"({"Path": "$")"), 400},
+        {post("/get", R"({"Path": "$.Config.Nothing"})"), 404}, {post("/get", R"({"Path": "$."})"), 404},
+        {post(filters, R"({"Ip": "10.0.0.2", "Mask": "255.0.0.0"})"), 400}, {post(filters, "[1]"), 400},
+        {post(filters, R"([{"Ip": "10.0.0.2"}])"), 400}, {post(filters, R"([{"Ip": "300.0.0.2", "Mask": "255.0.0.0"}])"), 400},
+        {post(filters, R"([{"Ip": "::1", "Mask": "ffff::"}])"), 400}, {post(filters, R"([{"Ip": "10.0.0.2", "Mask": 8}])"), 400},
+        {post("/nothing", "{}"), 404}, {"PUT /get HTTP/1.1\r\n" + kAuth + "\r\n", 405},
+    });
+    // clang-format on
+    EXPECT_NE(ask(port, "PUT / HTTP/1.1\r\n\r\n").find("Allow: GET, HEAD, POST\r\n"),
+              std::string::npos);
+    EXPECT_NE(ask(port, post("/get", R"({"Path": "$.Engine.InterfaceFilters"})"))
+                  .find(R"([{"Ip":"127.0.0.1","Mask":"255.0.0.0"}])"),
+              std::string::npos);
+}
+
+// The web app folder serves its files (links inside it too) with their types, and never a
+// file whose real path is outside it, however the target is written.
+TEST_F(EngineServer, WebAppTraversal) {
+    // clang-format off
+    const std::tuple<std::string, std::string, std::string> served[] = {
+        {"/", "index.html", "text/html; charset=utf-8"}, {"/sub/", "sub/index.html", "text/html"},
+        {"/app.js?v=3", "app.js", "application/javascript"}, {"/alias.js", "app.js", "application/javascript"},
+        {"/i.png", "i.png", "image/png"}, {"/%252e%252e/in.txt", "%2e%2e/in.txt", "text/plain"}};
+    // clang-format on
+    for (const auto& [target, body, type] : served) {
+        const std::string raw = ask(port, get(target));
+        EXPECT_EQ(raw.substr(raw.find("\r\n\r\n") + 4), body) << target;
+        EXPECT_NE(raw.find("Content-Type: " + type), std::string::npos) << target << raw;
     }
-    EXPECT_EQ(post("/get", R"({"Path": "$"})").status, 200);
+    Rows refused;
+    // clang-format off
+    for (const std::string& target : std::vector<std::string>{
+             "/../secret.txt", "/sub/../../secret.txt", "/%2e%2e/secret.txt", "/%2E%2E%2Fsecret.txt",
+             "/..%2fsecret.txt", "/.%2e/secret.txt", "/sub/%2e%2e%2f%2e%2e%2fsecret.txt", "/%252e%252e%252fsecret.txt",
+             "/..\\secret.txt", "/%5C..%5Csecret.txt", "\\..\\secret.txt", "/../secret.txt%00.html",
+             "/index.html%00/../../secret.txt", "/%00", "/" + secret, "//" + secret, "/%2f" + secret.substr(1),
+             secret, "http://127.0.0.1" + secret, "/link.txt", "/up/secret.txt", "/up/webapp/../secret.txt",
+             "/%c0%ae%c0%ae/secret.txt", "/..;/secret.txt", "/.../secret.txt", "/%", "/%2", "/%zz", "/sub", "/missing.html"})
+        // clang-format on
+        refused.emplace_back(get(target), 404);
+    refused.emplace_back("GET / HTTP/1.1\r\n", 0);  // dropped after the idle time
+    expectStatuses(refused);
+    const std::string head = ask(port, "HEAD /app.js HTTP/1.1\r\nConnection: close\r\n\r\n");
+    EXPECT_EQ(head.substr(head.find("Content-Length: ")), "Content-Length: 6\r\n\r\n");
 }
 
-TEST_F(ControlRequests, SetInterfaceFiltersAnswersTheFiltersInForce) {
-    auto response = post("/set_interface_filters",
-                         R"([{"Ip": "10.1.2.3", "Mask": "255.0.0.0"},
-                             {"Ip": "192.168.7.9", "Mask": "255.255.255.0"}])");
-    ASSERT_EQ(response.status, 200) << response.body;
-    auto inForce = parseJson(response.body);
-    ASSERT_TRUE(inForce.IsArray()) << response.body;
-    ASSERT_EQ(inForce.Size(), 2u);
-    EXPECT_STREQ(inForce[0]["Ip"].GetString(), "10.1.2.3");
-    EXPECT_STREQ(inForce[0]["Mask"].GetString(), "255.0.0.0");
-    EXPECT_STREQ(inForce[1]["Ip"].GetString(), "192.168.7.9");
-    EXPECT_STREQ(inForce[1]["Mask"].GetString(), "255.255.255.0");
-    auto engine = parseJson(post("/get", R"({"Path": "$.Engine.InterfaceFilters"})").body);
-    EXPECT_TRUE(engine == inForce);
+// The library's life as the engine child lives it: filters checked, the document, keep-alive,
+// 100-continue, stalled clients, filters applied at once, a taken port, stop, start again.
+TEST(Engine, Lifecycle) {
+    vlm::test::TempDir common, appData;
+    const std::string plugins = common.path() + "/Corvane Technologies/Velmor/Plugins";
+    fs::create_directories(plugins);
+    for (const char* name : {"Delta_4.2.so", "<b>.so", "notes.txt"})
+        vlm::test::writeFile(plugins + "/" + name, "");
+    const unsigned short port = vlm::test::freeLoopbackPort();
+    setenv("VELMOR_COMMON_APPDATA", common.path().c_str(), 1);
+    setenv("APPDATA", appData.path().c_str(), 1);
+    setenv("VELMOR_ENGINE_PORT", std::to_string(port).c_str(), 1);
+    for (const char* bad : {"not-an-address", "::1", "300.1.1.1"})
+        EXPECT_NE(KLV_AddInterfaceFilter(bad, "255.0.0.0"), 0) << bad;
+    EXPECT_NE(KLV_AddInterfaceFilter("127.0.0.1", nullptr), 0);
+    KLV_AddInterfaceFilter("192.0.2.1", "255.255.255.0");  // never on this machine: skipped
+    KLV_AddInterfaceFilter("127.0.0.1", "255.0.0.0");
+    ASSERT_EQ(KLV_Initialize(-1, 0, 3), 0);
+    EXPECT_NE(KLV_Initialize(-1, 0, 1), 0);  // already running
+    const std::string whole = ask(port, post("/get", R"({"Path":"$"})"));
+    // clang-format off
+    for (const std::string& part : std::vector<std::string>{
+             R"("Plugins":[{"Name":"<b>","Major":1,"Minor":0},{"Name":"Delta","Major":4,"Minor":2}])",
+             R"("PluginDirectory":[")" + plugins + R"(",")" + appData.path() + "/Corvane Technologies/velmor/plugins\"]",
+             R"("Master":true,"Port":)" + std::to_string(port), R"("InterfaceFilters":[{"Ip":"192.0.2.1")"})
+        // clang-format on
+        EXPECT_NE(whole.find(part), std::string::npos) << part << "\n" << whole;
+    const std::string page = ask(port, get("/"));  // no web app folder: the status page
+    EXPECT_NE(page.find("VELMOR Engine"), std::string::npos);
+    EXPECT_NE(page.find("&lt;b&gt;"), std::string::npos);  // file names are never markup
 
-    auto none = post("/set_interface_filters", "[]");
-    EXPECT_EQ(none.status, 200);
-    EXPECT_EQ(none.body, "[]");
-}
+    std::vector<std::unique_ptr<Raw>> stalled;  // more than the server's threads
+    for (int i = 0; i < 32; ++i)
+        stalled.push_back(std::make_unique<Raw>(port));
+    const std::string again =
+        "POST /get HTTP/1.1\r\n" + kAuth + "Content-Length: 12\r\n\r\n{\"Path\":\"$\"}";
+    const std::string inTurn =
+        Raw(port).send(again + again + post("/get", R"({"Path":"$"})")).read();
+    int served = 0;  // keep-alive: one answer per request, in turn
+    for (std::size_t at = 0; (at = inTurn.find("HTTP/1.1 200 OK", at)) != std::string::npos; ++at)
+        ++served;
+    EXPECT_EQ(served, 3);
+    Raw asking(port);
+    asking.send("POST /get HTTP/1.1\r\n" + kAuth +
+                "Expect: 100-continue\r\nConnection: close\r\nContent-Length: 12\r\n\r\n");
+    EXPECT_EQ(statusOf(asking.read(true)), 100);
+    EXPECT_EQ(statusOf(asking.send(R"({"Path":"$"})").read()), 200);
 
-TEST_F(ControlRequests, BadFilterBodiesChangeNothing) {
-    ASSERT_EQ(post("/set_interface_filters", R"([{"Ip": "10.0.0.1", "Mask": "255.0.0.0"}])").status,
-              200);
-    for (const char* body :
-         {"", "nonsense", "{}", R"({"Ip": "10.0.0.2", "Mask": "255.0.0.0"})", "[1]",
-          R"([{"Ip": "10.0.0.2"}])", R"([{"Mask": "255.0.0.0"}])",
-          R"([{"Ip": "300.0.0.2", "Mask": "255.0.0.0"}])", R"([{"Ip": "10.0.0.2", "Mask": 8}])",
-          R"([{"Ip": "::1", "Mask": "ffff::"}])", R"([{"Ip": "10.0.0.2", "Mask": "255.0.0.0"},)"}) {
-        EXPECT_EQ(post("/set_interface_filters", body).status, 400) << body;
-    }
-    auto engine = parseJson(post("/get", R"({"Path": "$.Engine.InterfaceFilters"})").body);
-    ASSERT_TRUE(engine.IsArray());
-    ASSERT_EQ(engine.Size(), 1u);
-    EXPECT_STREQ(engine[0]["Ip"].GetString(), "10.0.0.1");
-}
-
-TEST_F(ControlRequests, UnknownRequestsAndMethods) {
-    EXPECT_EQ(post("/nothing", "{}").status, 404);
-    auto put = vlm::test::httpRequest("PUT", port, "/get", {}, "anon:anon");
-    EXPECT_EQ(put.status, 405);
-    EXPECT_EQ(put.headers["allow"], "GET, HEAD, POST");
-}
-
-TEST_F(ControlRequests, KeepAliveServesRequestsInTurn) {
-    kelvane::test::RawConnection connection(port);
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(connection.send(kelvane::test::postRequest("/get", R"({"Path": "$"})", true)));
-        auto raw = connection.receiveResponse(5s);
-        EXPECT_EQ(kelvane::test::statusOf(raw), 200) << raw;
-        EXPECT_TRUE(parseJson(kelvane::test::bodyOf(raw)).IsObject());
-    }
-}
-
-TEST_F(ControlRequests, MasterShowsInTheDocument) {
-    server->stop();
-    startServer({}, {}, true);
-    auto document = parseJson(post("/get", R"({"Path": "$.Engine.Master"})").body);
-    EXPECT_TRUE(document.IsBool() && document.GetBool());
-}
-
-TEST_F(ControlRequests, ManyClientsAtOnce) {
-    // The first request sets libcurl up before the threads share it.
-    ASSERT_EQ(post("/get", R"({"Path": "$"})").status, 200);
-    constexpr int kThreads = 50;
-    constexpr int kRequests = 20;
+    // Filters take effect before the answer: the old address is gone, the new one serves.
+    const std::string moved =
+        ask(port, post("/set_interface_filters", R"([{"Ip":"127.0.0.2","Mask":"255.0.0.0"}])"));
+    EXPECT_NE(moved.find(R"(200 OK)"), std::string::npos) << moved;
+    EXPECT_NE(moved.find(R"([{"Ip":"127.0.0.2","Mask":"255.0.0.0"}])"), std::string::npos);
+    EXPECT_EQ(statusOf(ask(port, post("/get", R"({"Path":"$"})"), "127.0.0.2")), 200);
+    EXPECT_EQ(statusOf(ask(port, post("/get", R"({"Path":"$"})"))), 0);
+    // Only another machine's address (an agent sends its own): listening on all, never on none.
+    const std::string elsewhere = R"([{"Ip":"192.0.2.1","Mask":"255.255.255.0"}])";
+    EXPECT_EQ(statusOf(ask(port, post("/set_interface_filters", elsewhere), "127.0.0.2")), 200);
     std::atomic<int> ok{0};
-    std::vector<std::thread> clients;
-    for (int t = 0; t < kThreads; ++t)
-        clients.emplace_back([&, t] {
-            for (int i = 0; i < kRequests; ++i) {
-                auto response =
-                    (t + i) % 4 == 0 ? get("/") : post("/get", R"({"Path": "$.Config.Plugins"})");
-                if (response.status == 200 && !response.body.empty())
-                    ++ok;
-            }
+    std::vector<std::thread> clients;  // many at once, on any address now
+    for (int t = 0; t < 16; ++t)
+        clients.emplace_back([&] {
+            for (int i = 0; i < 20; ++i)
+                ok += statusOf(ask(port, post("/get", "{\"Path\":\"$\"}"), "127.0.0.3")) == 200;
         });
     for (auto& client : clients)
         client.join();
-    EXPECT_EQ(ok.load(), kThreads * kRequests);
-}
+    EXPECT_EQ(ok, 16 * 20);
 
-class EngineServerLifecycle : public EngineServerFixture {};
-
-TEST_F(EngineServerLifecycle, TakenPortIsReported) {
-    startServer();
-    kelvane::EngineServer second({}, {}, false);
-    std::string error;
-    EXPECT_FALSE(second.start({{"127.0.0.1", "255.0.0.0"}}, port, error));
-    EXPECT_NE(error.find(std::to_string(port)), std::string::npos) << error;
-    EXPECT_EQ(post("/get", R"({"Path": "$"})").status, 200);
-}
-
-TEST_F(EngineServerLifecycle, AddressNotOnThisMachineIsSkipped) {
-    server = std::make_unique<kelvane::EngineServer>(std::vector<std::string>{}, "", false);
-    std::string error;
-    // 192.0.2.0/24 is reserved for documentation: never an address of this machine.
-    ASSERT_TRUE(
-        server->start({{"192.0.2.1", "255.255.255.0"}, {"127.0.0.1", "255.0.0.0"}}, 0, error))
-        << error;
-    port = server->port();
-    EXPECT_EQ(post("/get", R"({"Path": "$"})").status, 200);
-
-    kelvane::EngineServer nowhere({}, {}, false);
-    EXPECT_FALSE(nowhere.start({{"192.0.2.1", "255.255.255.0"}}, 0, error));
-    EXPECT_FALSE(error.empty());
-}
-
-TEST_F(EngineServerLifecycle, StopsAtOnceWhateverItsClientsDo) {
-    startServer();
-    kelvane::test::RawConnection silent(port);
-    kelvane::test::RawConnection half(port);
-    ASSERT_TRUE(half.send("POST /get HTTP/1.1\r\nHost: x\r\nContent-Length: 50\r\n\r\n{\"Pa"));
-    ASSERT_EQ(post("/get", R"({"Path": "$"})").status, 200);
-    auto before = std::chrono::steady_clock::now();
-    server->stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
-    silent.receiveAll(2s);
-    EXPECT_TRUE(silent.closed());
-    EXPECT_EQ(
-        vlm::test::httpRequest("POST", port, "/get", R"({"Path": "$"})", "anon:anon", 1s).status,
-        0);
-}
-
-TEST_F(EngineServerLifecycle, StartsAgainOnTheSamePort) {
-    startServer();
-    // A connection left in TIME_WAIT must not keep the port from being bound again.
-    ASSERT_EQ(post("/get", R"({"Path": "$"})").status, 200);
-    server->stop();
-    std::string error;
-    ASSERT_TRUE(server->start({{"127.0.0.1", "255.0.0.0"}}, port, error)) << error;
-    EXPECT_EQ(server->port(), port);
-    EXPECT_EQ(post("/get", R"({"Path": "$"})").status, 200);
+    KLV_Uninitialize();
+    EXPECT_EQ(statusOf(ask(port, again)), 0);
+    KLV_Uninitialize();
+    const int taken = socket(AF_INET, SOCK_STREAM, 0), reuse = 1;  // past TIME_WAITs
+    setsockopt(taken, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    sockaddr_in any{AF_INET, htons(port), {htonl(INADDR_ANY)}, {}};
+    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&any), sizeof any), 0);
+    listen(taken, 1);
+    KLV_AddInterfaceFilter("127.0.0.1", "255.0.0.0");
+    EXPECT_NE(KLV_Initialize(-1, 0, 1), 0);
+    close(taken);
+    KLV_AddInterfaceFilter("127.0.0.1", "255.0.0.0");  // the same filters again, kept once
+    ASSERT_EQ(KLV_Initialize(-1, 0, 1), 0);
+    EXPECT_NE(ask(port, post("/get", R"({"Path":"$.Engine"})"))
+                  .find(R"("Master":false,"Port":)" + std::to_string(port) +
+                        R"(,"InterfaceFilters":[{"Ip":"127.0.0.1","Mask":"255.0.0.0"}]})"),
+              std::string::npos);
+    KLV_Uninitialize();
 }
 
 }  // namespace

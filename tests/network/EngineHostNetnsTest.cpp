@@ -1,13 +1,17 @@
-// Interface filters over real interfaces that the test makes in its own network namespace.
+// Interface filters over interfaces made for the test in its own network namespace (root).
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/if_tun.h>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <QNetworkInterface>
-#include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "Agent/Agent.h"
@@ -15,135 +19,120 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+
 class NetnsInterfaces : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (geteuid() != 0)
-            FAIL() << "needs root to create a network namespace";
-        name_ = "velmor-eh-" + std::to_string(getpid());
-        ASSERT_EQ(run("ip netns add " + name_), 0) << "network namespaces are not available";
-        created_ = true;
-        // veth pairs, as not every kernel has the dummy driver; a peer is up so that its end
-        // has carrier. d0: up, two IPv4 addresses; d1: down; d2: up without IPv4; d3 and d4
-        // share a hardware address.
-        const char* setup[] = {"link add d0 type veth peer name pd0",
-                               "link set d0 address 02:00:00:00:00:0a",
-                               "addr add 10.213.1.1/24 dev d0",
-                               "addr add 10.213.9.2/16 dev d0",
-                               "link set d0 up",
-                               "link add d1 type veth peer name pd1",
-                               "link set d1 address 02:00:00:00:00:01",
-                               "addr add 10.213.2.1/24 dev d1",
-                               "link add d2 type veth peer name pd2",
-                               "link set d2 address 02:00:00:00:00:02",
-                               "link set d2 up",
-                               "link add d3 type veth peer name pd3",
-                               "link set d3 address 02:00:00:00:00:03",
-                               "addr add 10.213.3.1/24 dev d3",
-                               "link set d3 up",
-                               "link add d4 type veth peer name pd4",
-                               "link set d4 address 02:00:00:00:00:03",
-                               "addr add 10.213.4.1/25 dev d4",
-                               "link set d4 up",
-                               "link set pd0 up",
-                               "link set pd2 up",
-                               "link set pd3 up",
-                               "link set pd4 up",
-                               "link set lo up"};
-        for (const char* step : setup)
-            ASSERT_EQ(run("ip -n " + name_ + " " + step), 0) << step;
+        ASSERT_EQ(geteuid(), 0u) << "needs root to create a network namespace";
+        ASSERT_EQ(run("ip netns add " + name), 0) << "network namespaces are not available";
+        created = true;
+        // veth pairs (peers up, so each end has carrier). d0: two IPv4 addresses; d1: down;
+        // d2: no IPv4; d3, d4: one hardware address; d5: another; t0: a tunnel without one.
+        // clang-format off
+        for (const char* step : {
+                 "link add d0 type veth peer name p0", "link set d0 address 02:00:00:00:00:0a",
+                 "addr add 10.213.1.1/24 dev d0", "addr add 10.213.9.2/16 dev d0",
+                 "link add d1 type veth peer name p1", "link set d1 address 02:00:00:00:00:01",
+                 "addr add 10.213.2.1/24 dev d1", "link add d2 type veth peer name p2",
+                 "link set d2 address 02:00:00:00:00:02", "link add d3 type veth peer name p3",
+                 "link set d3 address 02:00:00:00:00:03", "addr add 10.213.3.1/24 dev d3",
+                 "link add d4 type veth peer name p4", "link set d4 address 02:00:00:00:00:03",
+                 "addr add 10.213.4.1/25 dev d4", "link add d5 type veth peer name p5",
+                 "link set d5 address 02:00:00:00:00:05", "addr add 10.213.5.1/24 dev d5",
+                 "tuntap add dev t0 mode tun", "addr add 10.213.7.1/24 dev t0", "link set lo up"})
+            // clang-format on
+            ASSERT_EQ(run("ip -n " + name + " " + step), 0) << step;
+        for (const char* up : {"d0", "p0", "d2", "p2", "d3", "p3", "d4", "p4", "d5", "p5", "t0"})
+            ASSERT_EQ(run("ip -n " + name + " link set " + up + " up"), 0) << up;
+        inside([this] {  // a tunnel is up (has carrier) while a program holds it, as a VPN does
+            tunnel = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+            ifreq request{};
+            std::strcpy(request.ifr_name, "t0");
+            request.ifr_flags = IFF_TUN | IFF_NO_PI;
+            ASSERT_EQ(ioctl(tunnel, TUNSETIFF, &request), 0);
+        });
     }
-
     void TearDown() override {
-        if (created_)
-            run("ip netns del " + name_);
+        close(tunnel);
+        if (created)
+            run("ip netns del " + name);
     }
-
     static int run(const std::string& command) {
         return std::system((command + " >/dev/null 2>&1").c_str());
     }
-
-    // The interfaces as seen from a thread that has entered the namespace.
-    vlm::InterfaceFilters filtersFor(const std::vector<std::string>& ids) {
-        vlm::InterfaceFilters filters;
-        std::thread inside([&] {
-            int fd = open(("/var/run/netns/" + name_).c_str(), O_RDONLY);
-            if (fd < 0 || setns(fd, CLONE_NEWNET) != 0) {
-                ADD_FAILURE() << "cannot enter the namespace";
-                return;
-            }
+    void inside(const std::function<void()>& work) {
+        std::thread thread([&] {
+            const int fd = open(("/var/run/netns/" + name).c_str(), O_RDONLY);
+            ASSERT_EQ(setns(fd, CLONE_NEWNET), 0);
             close(fd);
-            vlm::interfaceFiltersFor(ids, QNetworkInterface::allInterfaces(), filters);
+            work();
         });
-        inside.join();
-        return filters;
+        thread.join();
     }
-
-    std::string name_;
-    bool created_ = false;
+    const std::string name = "velmor-eh-" + std::to_string(getpid());
+    bool created = false;
+    int tunnel = -1;
 };
 
-using Filters = vlm::InterfaceFilters;
-
-TEST_F(NetnsInterfaces, FirstIPv4AddressOfAnUpInterface) {
-    EXPECT_EQ(filtersFor({"02:00:00:00:00:0A"}), (Filters{{"10.213.1.1", "255.255.255.0"}}));
-}
-
-TEST_F(NetnsInterfaces, HardwareAddressComparisonIsCaseSensitive) {
-    EXPECT_TRUE(filtersFor({"02:00:00:00:00:0a"}).empty());
-}
-
-TEST_F(NetnsInterfaces, DownOrAddresslessInterfacesGiveNoFilter) {
-    EXPECT_TRUE(filtersFor({"02:00:00:00:00:01"}).empty());
-    EXPECT_TRUE(filtersFor({"02:00:00:00:00:02"}).empty());
-    EXPECT_TRUE(filtersFor({"00:00:00:00:00:00"}).empty());
-}
-
-TEST_F(NetnsInterfaces, OnlyMatchingIdsAddFilters) {
-    EXPECT_EQ(filtersFor({"AA:BB:CC:DD:EE:FF", "02:00:00:00:00:0A"}),
-              (Filters{{"10.213.1.1", "255.255.255.0"}}));
-}
-
-TEST_F(NetnsInterfaces, SharedHardwareAddressGivesOneFilterPerInterface) {
-    EXPECT_EQ(filtersFor({"02:00:00:00:00:03"}),
-              (Filters{{"10.213.3.1", "255.255.255.0"}, {"10.213.4.1", "255.255.255.128"}}));
-}
-
-TEST_F(NetnsInterfaces, IdsKeepTheirOrder) {
-    EXPECT_EQ(filtersFor({"02:00:00:00:00:03", "02:00:00:00:00:0A"}),
-              (Filters{{"10.213.3.1", "255.255.255.0"},
-                       {"10.213.4.1", "255.255.255.128"},
-                       {"10.213.1.1", "255.255.255.0"}}));
-}
-
-TEST_F(NetnsInterfaces, EngineRoleBindsOnlyTheFilteredAddress) {
-    vlm::test::TempDir appData, outputs;
-    std::filesystem::create_directories(appData.path() + "/Corvane Technologies/velmor");
-    vlm::test::writeFile(appData.path() + "/Corvane Technologies/velmor/config.json",
-                         R"({"discovery": {"filtering": [{"hardware_id": "02:00:00:00:00:0A"}]}})");
-    vlm::test::Child server("/usr/sbin/ip",
-                            {"netns", "exec", name_, vlm::test::velmorPath(), "--serverd", "1"},
-                            {{"APPDATA", appData.path()},
-                             {"VELMOR_COMMON_APPDATA", appData.path()},
-                             {"QT_QPA_PLATFORM", "offscreen"},
-                             {"VELMOR_ENGINE_PORT", "18080"},
-                             {"VELMOR_DNSSD_LIBRARY", "/nonexistent"}},
-                            outputs.path());
-    int firstStatus = 0, secondStatus = 0;
-    std::thread inside([&] {
-        int fd = open(("/var/run/netns/" + name_).c_str(), O_RDONLY);
-        ASSERT_EQ(setns(fd, CLONE_NEWNET), 0);
-        close(fd);
-        for (int i = 0; i < 500 && firstStatus != 200; ++i) {
-            firstStatus = vlm::test::httpRequestTo("10.213.1.1", 18080, "GET", "/").status;
-            if (firstStatus != 200)
-                usleep(20000);
+// Each id gives the first IPv4 address of every up interface with exactly that hardware
+// address, in id order; down, address-less and unmatched interfaces give nothing.
+TEST_F(NetnsInterfaces, FiltersFollowTheHardwareIds) {
+    using Filters = vlm::InterfaceFilters;
+    const std::string a = "02:00:00:00:00:0A", mask = "255.255.255.0";
+    // clang-format off
+    const std::pair<std::vector<std::string>, Filters> cases[] = {
+        {{a}, {{"10.213.1.1", mask}}}, {{"02:00:00:00:00:0a"}, {}} /* case-sensitive */,
+        {{"02:00:00:00:00:01"}, {}} /* down */, {{"02:00:00:00:00:02"}, {}} /* no IPv4 */,
+        {{"02:00:00:00:00:03"}, {{"10.213.3.1", mask}, {"10.213.4.1", "255.255.255.128"}}},
+        {{"02:00:00:00:00:05", a}, {{"10.213.5.1", mask}, {"10.213.1.1", mask}}}, {{"0"}, {}}};
+    // clang-format on
+    inside([&] {
+        for (const auto& [ids, expected] : cases) {
+            Filters filters;
+            vlm::interfaceFiltersFor(ids, QNetworkInterface::allInterfaces(), filters);
+            EXPECT_EQ(filters, expected) << ids.front();
         }
-        secondStatus = vlm::test::httpRequestTo("10.213.9.2", 18080, "GET", "/").status;
     });
-    inside.join();
-    EXPECT_EQ(firstStatus, 200) << server.output();
-    EXPECT_EQ(secondStatus, 0) << "the engine answered on an address outside its filter";
+}
+
+// With a tunnel up, an element without a string hardware_id never makes the engine listen on
+// the tunnel: only on the veth. "/set_interface_filters" then moves it before it answers.
+TEST_F(NetnsInterfaces, EngineListensOnTheFilteredAddressOnly) {
+    for (const char* other : {"{}", R"({"hardware_id": 7})"}) {
+        SCOPED_TRACE(other);
+        vlm::test::TempDir appData, outputs;
+        const std::string folder = appData.path() + "/Corvane Technologies/velmor";
+        std::filesystem::create_directories(folder);
+        vlm::test::writeFile(
+            folder + "/config.json",
+            std::string(R"({"discovery": {"filtering": [{"hardware_id": "02:00:00:00:00:0A"}, )") +
+                other + "]}}");
+        const std::string& data = appData.path();
+        vlm::test::Child server("/usr/sbin/ip",
+                                {"netns", "exec", name, vlm::test::velmorPath(), "--serverd", "1"},
+                                // clang-format off
+                                {{"APPDATA", data}, {"VELMOR_COMMON_APPDATA", data}, {"QT_QPA_PLATFORM", "offscreen"},
+                                 {"VELMOR_ENGINE_PORT", "18080"}, {"VELMOR_DNSSD_LIBRARY", "/nonexistent"}},
+                                // clang-format on
+                                outputs.path());
+        inside([&] {
+            auto status = [](const char* host) {
+                return vlm::test::httpRequestTo(host, 18080, "GET", "/").status;
+            };
+            for (int i = 0; i < 500 && status("10.213.1.1") != 200; ++i)
+                usleep(20000);
+            EXPECT_EQ(status("10.213.1.1"), 200) << server.output();
+            EXPECT_EQ(status("10.213.9.2"), 0) << "the interface's second address";
+            EXPECT_EQ(status("10.213.7.1"), 0) << "the tunnel";
+            const auto moved = vlm::test::httpRequestTo(
+                "10.213.1.1", 18080, "POST", "/set_interface_filters", 2s,
+                R"([{"Ip": "10.213.5.1", "Mask": "255.255.255.0"}])", "anon:anon");
+            EXPECT_EQ(moved.status, 200) << moved.body;
+            EXPECT_EQ(status("10.213.5.1"), 200);
+            EXPECT_EQ(status("10.213.1.1"), 0);
+        });
+    }
 }
 
 }  // namespace

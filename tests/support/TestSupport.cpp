@@ -112,6 +112,9 @@ Child::Child(const std::string& program, const std::vector<std::string>& args,
              const std::map<std::string, std::string>& env, const std::string& outputDir)
     : stdoutPath_(outputDir + "/stdout-" + std::to_string(reinterpret_cast<std::uintptr_t>(this))),
       stderrPath_(outputDir + "/stderr-" + std::to_string(reinterpret_cast<std::uintptr_t>(this))) {
+    // Emptied before the fork: a Child at the same address may have left its output there.
+    writeFile(stdoutPath_, "");
+    writeFile(stderrPath_, "");
     std::vector<std::string> environment;
     for (char** entry = environ; *entry; ++entry) {
         std::string text(*entry);
@@ -209,23 +212,6 @@ size_t collectBody(char* data, size_t size, size_t count, void* target) {
     return size * count;
 }
 
-size_t collectHeader(char* data, size_t size, size_t count, void* target) {
-    std::string line(data, size * count);
-    auto colon = line.find(':');
-    if (colon != std::string::npos) {
-        std::string name = line.substr(0, colon);
-        std::transform(name.begin(), name.end(), name.begin(),
-                       [](unsigned char c) { return std::tolower(c); });
-        std::string value = line.substr(colon + 1);
-        value.erase(0, value.find_first_not_of(' '));
-        value.erase(value.find_last_not_of("\r\n") + 1);
-        (*static_cast<std::map<std::string, std::string>*>(target))[name] = value;
-    }
-    return size * count;
-}
-}  // namespace
-
-namespace {
 HttpResponse request(const std::string& host, const std::string& method, unsigned short port,
                      const std::string& target, const std::string& body,
                      const std::string& credentials, std::chrono::milliseconds timeout) {
@@ -241,8 +227,6 @@ HttpResponse request(const std::string& host, const std::string& method, unsigne
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collectBody);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, collectHeader);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
     curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     if (method == "POST") {
@@ -273,8 +257,9 @@ HttpResponse httpRequest(const std::string& method, unsigned short port, const s
 }
 
 HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
-                           const std::string& target, std::chrono::milliseconds timeout) {
-    return request(host, method, port, target, {}, {}, timeout);
+                           const std::string& target, std::chrono::milliseconds timeout,
+                           const std::string& body, const std::string& credentials) {
+    return request(host, method, port, target, body, credentials, timeout);
 }
 
 bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout) {
@@ -287,6 +272,36 @@ bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return false;
+}
+
+StdoutCapture::StdoutCapture() : file_(std::tmpfile()), saved_(dup(1)) {
+    std::fflush(stdout);
+    dup2(fileno(file_), 1);
+}
+
+StdoutCapture::~StdoutCapture() {
+    text();
+    std::fclose(file_);
+}
+
+std::string StdoutCapture::text() {
+    std::fflush(stdout);
+    if (saved_ >= 0) {
+        dup2(saved_, 1);
+        close(saved_);
+        saved_ = -1;
+    }
+    std::string content;
+    std::rewind(file_);
+    for (int c; (c = std::fgetc(file_)) != EOF;)
+        content += static_cast<char>(c);
+    return content;
+}
+
+std::string capturedOutput(const std::function<void()>& call) {
+    StdoutCapture capture;
+    call();
+    return capture.text();
 }
 
 std::string withoutColours(const std::string& text) {

@@ -5,6 +5,8 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdio>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -87,7 +89,6 @@ unsigned short freeLoopbackPort();
 struct HttpResponse {
     int status = 0;  // 0 when no answer came
     std::string body;
-    std::map<std::string, std::string> headers;  // names in lower case
 };
 
 /// One HTTP request to 127.0.0.1; credentials as "user:password" or empty.
@@ -95,10 +96,29 @@ HttpResponse httpRequest(const std::string& method, unsigned short port, const s
                          const std::string& body = {}, const std::string& credentials = {},
                          std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
-/// The same to another host, without credentials.
+/// The same to another host.
 HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
                            const std::string& target,
-                           std::chrono::milliseconds timeout = std::chrono::seconds(2));
+                           std::chrono::milliseconds timeout = std::chrono::seconds(2),
+                           const std::string& body = {}, const std::string& credentials = {});
+
+/// \brief Sends descriptor 1 (printf included) to a temporary file until text() is called.
+class StdoutCapture {
+public:
+    StdoutCapture();
+    ~StdoutCapture();
+    StdoutCapture(const StdoutCapture&) = delete;
+    StdoutCapture& operator=(const StdoutCapture&) = delete;
+    /// Everything written since construction; standard output is back in place afterwards.
+    std::string text();
+
+private:
+    std::FILE* file_;
+    int saved_;
+};
+
+/// What call() writes to standard output.
+std::string capturedOutput(const std::function<void()>& call);
 
 /// The text of a log without its colour sequences.
 std::string withoutColours(const std::string& text);

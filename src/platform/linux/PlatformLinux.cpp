@@ -1,4 +1,6 @@
 #include <fcntl.h>
+#include <limits.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -6,6 +8,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -45,6 +49,76 @@ bool commonAppDataFolder(std::string& folder) {
 void makeDirectory(const std::string& path) {
     if (!path.empty())
         ::mkdir(path.c_str(), 0755);
+}
+
+void makeBaseFolder(const std::string& path) {
+    std::error_code ignored;
+    if (!path.empty())
+        std::filesystem::create_directories(path, ignored);
+}
+
+std::FILE* openRegularFile(const std::string& path) {
+    // Opening a FIFO would release a writer waiting on it: only a regular file is opened.
+    if (const int kind = fileKind(path); kind != 1) {
+        errno = kind == 0 ? ENOENT : EINVAL;
+        return nullptr;
+    }
+    // Without blocking and checked again on the descriptor, for a FIFO put there meanwhile.
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0)
+        return nullptr;
+    struct stat info {};
+    if (::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(descriptor);
+        errno = EINVAL;
+        return nullptr;
+    }
+    ::fcntl(descriptor, F_SETFL, 0);
+    std::FILE* file = ::fdopen(descriptor, "rb");
+    if (!file)
+        ::close(descriptor);
+    return file;
+}
+
+int fileKind(const std::string& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0)
+        return 0;
+    return S_ISREG(info.st_mode) ? 1 : 2;
+}
+
+bool replaceFile(const std::string& path, const std::string& content) {
+    // A link (dotfile managers keep config.json as one) stays a link: its target is replaced.
+    std::string target = path;
+    char resolved[PATH_MAX];
+    struct stat link {};
+    if (::lstat(path.c_str(), &link) == 0 && S_ISLNK(link.st_mode) &&
+        ::realpath(path.c_str(), resolved))
+        target = resolved;
+    struct stat old {};
+    const bool replacing = ::stat(target.c_str(), &old) == 0;
+    const std::string temporary = target + ".tmp";
+    ::unlink(temporary.c_str());
+    const int descriptor = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (descriptor < 0)
+        return false;
+    bool written = !replacing || ::fchmod(descriptor, old.st_mode & 07777) == 0;
+    for (std::size_t done = 0; written && done < content.size();) {
+        const ssize_t count = ::write(descriptor, content.data() + done, content.size() - done);
+        if (count < 0 && errno == EINTR)
+            continue;
+        written = count > 0;
+        done += written ? static_cast<std::size_t>(count) : 0;
+    }
+    // Full file systems may only say so when the data reaches the disk.
+    written = written && ::fsync(descriptor) == 0;
+    written = ::close(descriptor) == 0 && written;
+    if (written && ::rename(temporary.c_str(), target.c_str()) == 0)
+        return true;
+    const int error = errno;
+    ::unlink(temporary.c_str());
+    errno = error;
+    return false;
 }
 
 bool isDirectory(const std::string& path) {
@@ -123,14 +197,33 @@ std::string versionText() {
     return text;
 }
 
-std::string singleInstanceServerName() {
-    std::string runtime = environment("XDG_RUNTIME_DIR");
-    if (!runtime.empty())
-        return runtime + "/velmor_agent_singleton";
-    std::string temp = environment("TMPDIR");
-    if (temp.empty())
-        temp = "/tmp";
-    return temp + "/velmor_agent_singleton-" + std::to_string(::getuid());
+std::string singleInstanceServerName(std::string& problem) {
+    std::string folder = environment("XDG_RUNTIME_DIR");
+    if (folder.empty()) {
+        std::string temp = environment("TMPDIR");
+        folder =
+            (temp.empty() ? std::string("/tmp") : temp) + "/velmor-" + std::to_string(::getuid());
+        ::mkdir(folder.c_str(), 0700);
+    }
+    // Only a folder nobody else can enter keeps other users from taking the name first.
+    struct stat info {};
+    if (::lstat(folder.c_str(), &info) != 0) {
+        problem = folder + ": " + std::strerror(errno);
+        return {};
+    }
+    if (!S_ISDIR(info.st_mode) || info.st_uid != ::getuid() || (info.st_mode & 0777) != 0700) {
+        problem = folder + " is not a folder of this user with mode 0700";
+        return {};
+    }
+    return folder + "/velmor_agent_singleton";
+}
+
+bool peerIsSameUser(std::intptr_t socketDescriptor) {
+    struct ucred peer {};
+    socklen_t length = sizeof peer;
+    return ::getsockopt(static_cast<int>(socketDescriptor), SOL_SOCKET, SO_PEERCRED, &peer,
+                        &length) == 0 &&
+           peer.uid == ::getuid();
 }
 
 }  // namespace vlm::platform

@@ -34,6 +34,35 @@ void makeDirectory(const std::string& path) {
         CreateDirectoryA(path.c_str(), nullptr);
 }
 
+void makeBaseFolder(const std::string&) {
+    // APPDATA always exists.
+}
+
+std::FILE* openRegularFile(const std::string& path) {
+    return fileKind(path) == 1 ? std::fopen(path.c_str(), "rb") : nullptr;
+}
+
+int fileKind(const std::string& path) {
+    DWORD attributes = GetFileAttributesA(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return 0;
+    return (attributes & FILE_ATTRIBUTE_DIRECTORY) ? 2 : 1;
+}
+
+bool replaceFile(const std::string& path, const std::string& content) {
+    const std::string temporary = path + ".tmp";
+    std::FILE* file = std::fopen(temporary.c_str(), "wb");
+    if (!file)
+        return false;
+    bool written = std::fwrite(content.data(), 1, content.size(), file) == content.size();
+    written = std::fclose(file) == 0 && written;
+    if (written && MoveFileExA(temporary.c_str(), path.c_str(),
+                               MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+        return true;
+    DeleteFileA(temporary.c_str());
+    return false;
+}
+
 bool isDirectory(const std::string& path) {
     DWORD attributes = GetFileAttributesA(path.c_str());
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
@@ -99,8 +128,13 @@ std::string versionText() {
     return text;
 }
 
-std::string singleInstanceServerName() {
+std::string singleInstanceServerName(std::string&) {
     return "velmor_agent_singleton";
+}
+
+bool peerIsSameUser(std::intptr_t) {
+    // The pipe's default security already limits it to the user's session.
+    return true;
 }
 
 }  // namespace vlm::platform
