@@ -150,7 +150,8 @@ DNSServiceErrorType adopt(Handle* handle, DNSServiceErrorType error, DNSServiceR
     if (error != kDNSServiceErr_NoError) {
         handle->inner = nullptr;
         delete handle;
-        return error;
+        // Avahi's library says only "unknown" when its client cannot reach the daemon.
+        return error == kDNSServiceErr_Unknown ? kDNSServiceErr_ServiceNotRunning : error;
     }
     {
         std::lock_guard<std::mutex> lock(registry().mutex);
@@ -185,7 +186,8 @@ void DNSSD_API onRegister(DNSServiceRef, DNSServiceFlags flags, DNSServiceErrorT
         error = kDNSServiceErr_NameConflict;
         name = handle->name.c_str();
     }
-    handle->registerReply(handle->ref(), flags, error, name, type, domain, handle->context);
+    handle->registerReply(handle->ref(), flags, error, text(name), text(type), text(domain),
+                          handle->context);
 }
 
 void DNSSD_API onBrowse(DNSServiceRef, DNSServiceFlags flags, uint32_t interfaceIndex,
@@ -198,8 +200,8 @@ void DNSSD_API onBrowse(DNSServiceRef, DNSServiceFlags flags, uint32_t interface
         !handle->firstAddOrLastRemove(
             flags, joinKey(interfaceIndex, {text(name), text(type), text(domain)})))
         return;
-    handle->browseReply(handle->ref(), flags, interfaceIndex, error, name, type, domain,
-                        handle->context);
+    handle->browseReply(handle->ref(), flags, interfaceIndex, error, text(name), text(type),
+                        text(domain), handle->context);
 }
 
 void DNSSD_API onResolve(DNSServiceRef, DNSServiceFlags flags, uint32_t interfaceIndex,
@@ -208,8 +210,9 @@ void DNSSD_API onResolve(DNSServiceRef, DNSServiceFlags flags, uint32_t interfac
     auto* handle = static_cast<Handle*>(context);
     if (handle->released)
         return;
-    handle->resolveReply(handle->ref(), flags, interfaceIndex, error, fullname, host, port, txtLen,
-                         txt, handle->context);
+    // Avahi gives null names with its errors (a resolve that timed out): callers get "".
+    handle->resolveReply(handle->ref(), flags, interfaceIndex, error, text(fullname), text(host),
+                         port, txtLen, txt, handle->context);
 }
 
 void DNSSD_API onQueryRecord(DNSServiceRef, DNSServiceFlags flags, uint32_t interfaceIndex,
@@ -226,7 +229,7 @@ void DNSSD_API onQueryRecord(DNSServiceRef, DNSServiceFlags flags, uint32_t inte
         if (!handle->firstAddOrLastRemove(flags, key))
             return;
     }
-    handle->queryReply(handle->ref(), flags, interfaceIndex, error, fullname, rrtype, rrclass,
+    handle->queryReply(handle->ref(), flags, interfaceIndex, error, text(fullname), rrtype, rrclass,
                        rdlen, rdata, ttl, handle->context);
 }
 
@@ -266,6 +269,8 @@ VELMOR_EXPORT int DNSSD_API DNSServiceRefSockFD(DNSServiceRef sdRef) {
 }
 
 VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceProcessResult(DNSServiceRef sdRef) {
+    if (!sdRef)
+        return kDNSServiceErr_BadParam;
     Handle* handle = enter(sdRef);
     if (!handle)
         return kDNSServiceErr_BadReference;
