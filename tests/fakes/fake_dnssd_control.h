@@ -1,11 +1,9 @@
 #pragma once
-// The fake DNS-SD library's control interface, found with dlsym in the library the zeroconf
-// table loaded (VELMOR_DNSSD_LIBRARY). Operation kinds are named by the function that opens
-// them ("DNSServiceBrowse", ...); each kind is matched on one argument, its key: the regtype of
-// a browse, the name of a resolve or registration, the full name of a query, the host name of
-// an address query. Answers go to the oldest open operation with that key and are delivered
-// when the library's poll thread calls DNSServiceProcessResult.
-
+// The fake DNS-SD library's controls, found with dlsym in the library the zeroconf table loaded
+// (VELMOR_DNSSD_LIBRARY). Operations are named by the function that opens them and matched on
+// one argument, their key: a browse's regtype, a resolve's or registration's name, a query's
+// full name, an address query's host name. An answer goes to the oldest open operation with
+// that key and is delivered when the poll thread calls DNSServiceProcessResult.
 #include <dlfcn.h>
 
 #include <cstdint>
@@ -15,24 +13,15 @@
 
 namespace fake_dnssd {
 
-/// \brief The control functions of the loaded fake.
 struct control {
     void (*reset)();
-    // Calls made to one DNS-SD function since the last reset.
-    int (*calls)(const char* function);
-    // Makes every later call of function fail with error (0: succeed again).
-    void (*fail)(const char* function, std::int32_t error);
-    // While on, DNSServiceRefSockFD answers -1.
-    void (*invalid_sockets)(int on);
-    // Waits until an operation of that kind with that key (null: any) is open; 1 when it is.
-    int (*wait_open)(const char* function, const char* key, int timeout_ms);
+    int (*calls)(const char* function);                      // calls since the last reset
+    void (*fail)(const char* function, std::int32_t error);  // later calls fail; 0: succeed
+    void (*invalid_sockets)(int on);  // DNSServiceRefSockFD answers -1 while on
+    int (*wait_open)(const char* function, const char* key, int timeout_ms);  // null key: any
     int (*open_count)(const char* function);
-    // The socket of the oldest open operation of that kind and key, or -1.
-    int (*socket)(const char* function, const char* key);
-    // The arguments of the last call of function, as "name=value" pairs; 0 when never called.
-    int (*last_call)(const char* function, char* text, int size);
-    // Waits until every queued answer has been delivered and its callback has returned.
-    int (*wait_idle)(int timeout_ms);
+    int (*last_call)(const char* function, char* text, int size);  // "name=value ..." pairs
+    int (*wait_idle)(int timeout_ms);  // every queued answer delivered, its callback returned
     int (*browse_event)(const char* regtype, std::uint32_t flags, std::uint32_t interface_index,
                         std::int32_t error, const char* name, const char* type, const char* domain);
     int (*resolve_answer)(const char* name, std::uint32_t flags, std::uint32_t interface_index,
@@ -55,43 +44,30 @@ struct control {
         return last_call(function, text, sizeof(text)) ? std::string(text) : std::string();
     }
 
-    /// The fake that the zeroconf table loaded into this process.
     static const control& get() {
-        static const control instance = load();
+        static const control instance = [] {
+            const char* path = std::getenv("VELMOR_DNSSD_LIBRARY");
+            void* library = path ? dlopen(path, RTLD_NOW | RTLD_NOLOAD) : nullptr;
+            if (!library)
+                throw std::runtime_error("the fake DNS-SD library is not loaded");
+            control c{};
+            auto find = [library](auto& function, const char* name) {
+                function = reinterpret_cast<std::remove_reference_t<decltype(function)>>(
+                    dlsym(library, (std::string("fake_dnssd_") + name).c_str()));
+                if (!function)
+                    throw std::runtime_error(std::string("fake DNS-SD library lacks ") + name);
+            };
+            find(c.reset, "reset"), find(c.fail, "fail");
+            find(c.invalid_sockets, "invalid_sockets"), find(c.wait_open, "wait_open");
+            find(c.open_count, "open_count");
+            find(c.last_call, "last_call"), find(c.wait_idle, "wait_idle");
+            find(c.browse_event, "browse_event"), find(c.resolve_answer, "resolve_answer");
+            find(c.query_answer, "query_answer"), find(c.register_answer, "register_answer");
+            find(c.address_answer, "address_answer");
+            dlclose(library);  // the table holds its own reference
+            return c;
+        }();
         return instance;
-    }
-
-private:
-    template <typename Function>
-    static void find(void* library, const char* name, Function& function) {
-        function = reinterpret_cast<Function>(dlsym(library, name));
-        if (!function)
-            throw std::runtime_error(std::string("fake DNS-SD library lacks ") + name);
-    }
-
-    static control load() {
-        const char* path = std::getenv("VELMOR_DNSSD_LIBRARY");
-        void* library = path ? dlopen(path, RTLD_NOW | RTLD_NOLOAD) : nullptr;
-        if (!library)
-            throw std::runtime_error("the fake DNS-SD library is not loaded");
-        control c{};
-        find(library, "fake_dnssd_reset", c.reset);
-        find(library, "fake_dnssd_calls", c.calls);
-        find(library, "fake_dnssd_fail", c.fail);
-        find(library, "fake_dnssd_invalid_sockets", c.invalid_sockets);
-        find(library, "fake_dnssd_wait_open", c.wait_open);
-        find(library, "fake_dnssd_open_count", c.open_count);
-        find(library, "fake_dnssd_socket", c.socket);
-        find(library, "fake_dnssd_last_call", c.last_call);
-        find(library, "fake_dnssd_wait_idle", c.wait_idle);
-        find(library, "fake_dnssd_browse_event", c.browse_event);
-        find(library, "fake_dnssd_resolve_answer", c.resolve_answer);
-        find(library, "fake_dnssd_query_answer", c.query_answer);
-        find(library, "fake_dnssd_register_answer", c.register_answer);
-        find(library, "fake_dnssd_address_answer", c.address_answer);
-        // The table holds its own reference; this one only looked the functions up.
-        dlclose(library);
-        return c;
     }
 };
 

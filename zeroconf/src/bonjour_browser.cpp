@@ -216,7 +216,13 @@ void resolver_context::on_resolve(std::uint32_t interface_index, DNSServiceError
         delete this;
         return;
     }
-    std::string instance = instance_part(fullname);
+    std::string instance;
+    try {
+        instance = instance_part(fullname);
+    } catch (...) {
+        delete this;  // the chain ends here; the poll loop logs the name
+        throw;
+    }
     bonjour_resolver& resolver = *resolver_;
     resolver.interface_index_ = interface_index;
     resolver.name_ = unescape_instance_name(instance);
