@@ -27,9 +27,9 @@ using u32 = uint32_t;
 
 struct _DNSServiceRef_t {
     std::string function, key;
-    int fd;
-    bool open;
-    void *callback, *context;
+    int fd = eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK);
+    bool open = true;
+    void *callback = nullptr, *context = nullptr;
     std::deque<std::function<void(Ref)>> pending;
 };
 
@@ -39,7 +39,6 @@ std::condition_variable changed;
 std::vector<std::unique_ptr<_DNSServiceRef_t>> operations;  // closed ones too: late calls
 std::map<std::string, Error> failures;
 std::map<std::string, std::string> last_calls;
-bool invalid_sockets = false;
 int delivering = 0;
 using lock = std::unique_lock<std::mutex>;
 
@@ -95,13 +94,9 @@ Error open(Ref* ref, const char* function, const char* key, Callback callback, v
     if (Error error = record(function, args...))
         return error;
     lock hold(mutex);
-    operations.emplace_back(new _DNSServiceRef_t{function,
-                                                 key ? key : "(null)",
-                                                 eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK),
-                                                 true,
-                                                 reinterpret_cast<void*>(callback),
-                                                 context,
-                                                 {}});
+    operations.emplace_back(new _DNSServiceRef_t{function, key ? key : "(null)"});
+    operations.back()->callback = reinterpret_cast<void*>(callback);
+    operations.back()->context = context;
     *ref = operations.back().get();
     changed.notify_all();
     return 0;
@@ -129,7 +124,7 @@ int answer(const char* function, const char* key, Args... args) {
 
 FAKE int DNSSD_API DNSServiceRefSockFD(Ref ref) {
     lock hold(mutex);
-    return invalid_sockets || !ref || !ref->open ? -1 : ref->fd;
+    return !ref || !ref->open ? -1 : ref->fd;
 }
 FAKE Error DNSSD_API DNSServiceProcessResult(Ref ref) {
     std::function<void(Ref)> reply;
@@ -198,15 +193,11 @@ FAKE Error DNSSD_API DNSServiceGetAddrInfo(Ref* ref, Flags flags, u32 interface,
 
 FAKE void fake_dnssd_reset() {
     lock hold(mutex);
-    failures.clear(), last_calls.clear(), invalid_sockets = false;
+    failures.clear(), last_calls.clear();
 }
 FAKE void fake_dnssd_fail(const char* function, int32_t error) {
     lock hold(mutex);
     failures[function] = error;
-}
-FAKE void fake_dnssd_invalid_sockets(int on) {
-    lock hold(mutex);
-    invalid_sockets = on;
 }
 FAKE int fake_dnssd_wait_open(const char* function, const char* key, int timeout_ms) {
     lock hold(mutex);

@@ -156,29 +156,28 @@ TEST_F(ZeroconfNetwork, TakenNameIsAConflictAndNeverRenamed) {
 }
 
 // A service whose host has no address: Avahi gives up on its resolve with null names, which
-// once killed the agent. The failure is one log line and a real service found afterwards is
-// still reported, by a process whose sockets are numbered above 1023 (select broke there).
-TEST_F(ZeroconfNetwork, FailedResolveIsLoggedAndDiscoveryGoesOnWithManyDescriptors) {
+// once killed the agent. The failure is one log line and a service found afterwards is still
+// reported, by a process whose sockets are numbered above 1023 (select broke there). A killed
+// daemon is logged too, and its dead socket leaves the poll thread idle.
+TEST_F(ZeroconfNetwork, FailedResolveAndKilledDaemonAreLoggedWithManyDescriptorsOpen) {
     Child& browser = tool("b", {"browse", "_velmortest._tcp"}, "OPEN_DESCRIPTORS=1100");
     publish("a", {"-H", "ghost.local", "Ghost", "_velmortest._tcp", "4000"});
-    ASSERT_TRUE(eventually([&] { return log(browser).find("errorCode = ") != std::string::npos; }))
-        << log(browser);
-    publish("a", {"Real", "_velmortest._tcp", "4001", "k=v"});
+    auto lines = [&] {  // the library's own, errors only here
+        std::string text = log(browser);
+        std::size_t count = 0;
+        for (auto at = text.find("errorCode = "); at != std::string::npos;
+             at = text.find("errorCode = ", at + 1))
+            ++count;
+        return text.find("zeroconf_category") == std::string::npos ? 0 : count;
+    };
+    ASSERT_TRUE(eventually([&] { return lines() == 1; })) << log(browser);
+    publish("a", {"Real", "_velmortest._tcp", "4001"});
     ASSERT_TRUE(eventually([&] { return !reports(browser, "add").empty(); })) << log(browser);
     EXPECT_EQ(reports(browser, "add")[0][2], "Real");
-    EXPECT_EQ(reports(browser, "add").size(), 1u);
-    std::string text = log(browser);
-    EXPECT_EQ(text.find("zeroconf_category"), text.rfind("zeroconf_category")) << text;
-    stop(browser);
-}
+    EXPECT_EQ(lines(), 1u) << log(browser);
 
-// A killed daemon: the error is logged, the poll thread stays idle on the dead socket and the
-// process runs on.
-TEST_F(ZeroconfNetwork, DaemonKilledUnderAnOpenBrowse) {
-    Child& browser = tool("b", {"browse", "_velmortest._tcp"});
     ASSERT_EQ(net.run("b", "kill -9 $(cat /run/avahi-daemon/pid)"), 0);
-    ASSERT_TRUE(eventually([&] { return log(browser).find("errorCode = ") != std::string::npos; }))
-        << log(browser);
+    EXPECT_TRUE(eventually([&] { return lines() > 1; })) << log(browser);
     auto cpu = [&] {
         std::size_t count = reports(browser, "cpu").size();
         browser.kill(SIGUSR2);
@@ -188,12 +187,13 @@ TEST_F(ZeroconfNetwork, DaemonKilledUnderAnOpenBrowse) {
     long long before = cpu();
     std::this_thread::sleep_for(1s);
     EXPECT_LT(cpu() - before, 50'000'000) << "poll thread ns over 1 s";
+    EXPECT_EQ(reports(browser, "add").size(), 1u);
     stop(browser);
 }
 
 // The engine's announcement: "_velmor_" and the short host name cut under 64 bytes, a master
 // with "master:1"; stopped and started again it is announced again; it goes when the engine
-// does; without a daemon the engine still serves and says so.
+// does.
 TEST_F(ZeroconfNetwork, EngineAnnouncement) {
     const std::string label(58, 'h'), name = "_velmor_" + label.substr(0, 55);
     const std::string type = "_ravenna._sub._http._tcp";
@@ -213,21 +213,6 @@ TEST_F(ZeroconfNetwork, EngineAnnouncement) {
     stop(engine);
     EXPECT_TRUE(seen("b", type, name, false, 5s)) << view("b", type);
     EXPECT_EQ(log(engine).find("zeroconf_category"), std::string::npos) << log(engine);
-
-    ASSERT_EQ(net.run("a", "kill -9 $(cat /run/avahi-daemon/pid)"), 0);
-    Child& alone = start("a", {vlm::test::buildDir() + "/zeroconf_host_tool", "engine", "1"},
-                         "VELMOR_ENGINE_PORT=18083");
-    ASSERT_TRUE(eventually([&] { return log(alone).find("not announced") != std::string::npos; }))
-        << log(alone);
-    EXPECT_NE(log(alone).find("Engine: DNS-SD unavailable"), std::string::npos) << log(alone);
-    std::string status;
-    EXPECT_TRUE(eventually([&] {
-        net.run("a",
-                "curl -s -o /dev/null -w '%{http_code}' --noproxy '*' -u anon:anon -d "
-                "'{\"Path\": \"$\"}' http://127.0.0.1:18083/get",
-                &status);
-        return status == "200";
-    })) << status;
 }
 
 }  // namespace
