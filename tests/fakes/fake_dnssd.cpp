@@ -26,6 +26,7 @@ using u16 = uint16_t;
 using u32 = uint32_t;
 
 struct _DNSServiceRef_t {
+    _DNSServiceRef_t(const char* function, const char* key) : function(function), key(key) {}
     std::string function, key;
     int fd = eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK);
     bool open = true;
@@ -94,7 +95,7 @@ Error open(Ref* ref, const char* function, const char* key, Callback callback, v
     if (Error error = record(function, args...))
         return error;
     lock hold(mutex);
-    operations.emplace_back(new _DNSServiceRef_t{function, key ? key : "(null)"});
+    operations.emplace_back(new _DNSServiceRef_t(function, key ? key : "(null)"));
     operations.back()->callback = reinterpret_cast<void*>(callback);
     operations.back()->context = context;
     *ref = operations.back().get();
