@@ -150,8 +150,10 @@ DNSServiceErrorType adopt(Handle* handle, DNSServiceErrorType error, DNSServiceR
     if (error != kDNSServiceErr_NoError) {
         handle->inner = nullptr;
         delete handle;
-        // Avahi's library says only "unknown" when its client cannot reach the daemon.
-        return error == kDNSServiceErr_Unknown ? kDNSServiceErr_ServiceNotRunning : error;
+        // Avahi's library says "unknown" when it finds no system bus and "unsupported" when the
+        // bus has no daemon (we pass no flags it could refuse): both mean no daemon to talk to.
+        bool noDaemon = error == kDNSServiceErr_Unknown || error == kDNSServiceErr_Unsupported;
+        return noDaemon ? kDNSServiceErr_ServiceNotRunning : error;
     }
     {
         std::lock_guard<std::mutex> lock(registry().mutex);

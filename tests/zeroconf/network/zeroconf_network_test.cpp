@@ -189,6 +189,11 @@ TEST_F(ZeroconfNetwork, FailedResolveAndKilledDaemonAreLoggedWithManyDescriptors
     EXPECT_LT(cpu() - before, 50'000'000) << "poll thread ns over 1 s";
     EXPECT_EQ(reports(browser, "add").size(), 1u);
     stop(browser);
+    // Without a daemon a new browse is refused as DNS-SD callers expect: ServiceNotRunning.
+    Child& late = start("b", {vlm::test::buildDir() + "/zeroconf_host_tool", "browse", "_x._tcp"});
+    EXPECT_EQ(late.wait(10s), 1);
+    EXPECT_NE(log(late).find("DNSServiceBrowse() failed (-65563)."), std::string::npos)
+        << log(late);
 }
 
 // The engine's announcement: "_velmor_" and the short host name cut under 64 bytes, a master
