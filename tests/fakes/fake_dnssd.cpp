@@ -183,14 +183,12 @@ FAKE Error DNSSD_API DNSServiceReconfirmRecord(Flags flags, u32 interface, const
     return record("DNSServiceReconfirmRecord", flags, interface, text(name), type, rrclass,
                   bytes(data, length));
 }
-#ifndef FAKE_DNSSD_WITHOUT_GETADDRINFO
 FAKE Error DNSSD_API DNSServiceGetAddrInfo(Ref* ref, Flags flags, u32 interface,
                                            DNSServiceProtocol protocol, const char* host,
                                            DNSServiceGetAddrInfoReply callback, void* context) {
     return open(ref, "DNSServiceGetAddrInfo", host, callback, context, flags, interface, protocol,
                 text(host));
 }
-#endif
 
 FAKE void fake_dnssd_reset() {
     lock hold(mutex);

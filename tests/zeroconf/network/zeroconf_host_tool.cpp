@@ -2,24 +2,23 @@
 // talks to that host's Avahi. Reports on standard output as "@kind<TAB>fields", among the log:
 //   @ready <poll thread id> | @add <ns> <interface> <name> <type> <host> <address> <port> [txt...]
 //   @remove <ns> <interface> <name> <type> | @host <interface> <name> <address> | @status <state>
-//   @cpu <process ns> <poll thread ns> (SIGUSR2) | @started / @stopped (SIGUSR1) | @done (SIGTERM)
+//   @cpu <process ns> <poll thread ns> (on SIGUSR2) | @done (on SIGTERM, all ended)
 // Modes: browse TYPE [SUBTYPE [HOST]] | register NAME TYPE PORT SUBTYPE|- [TXT...]
-//        browsers COUNT TYPE (0: a bare client) | engine FLAGS (SIGUSR1 stops or starts it)
+//        browsers COUNT TYPE (0: a bare client)
 // OPEN_DESCRIPTORS=n opens n descriptors first, raising the soft limit as needed.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
 #include <mutex>
-#include <set>
 #include <sstream>
 
 #include <boost/make_shared.hpp>
 
-#include "Kelvane.h"
 #include "zeroconf/client.h"
 #include "zeroconf/hostname_browser.h"
 
@@ -40,16 +39,6 @@ long long ns(clockid_t clock) {
     timespec now{};
     clock_gettime(clock, &now);
     return now.tv_sec * 1000000000LL + now.tv_nsec;
-}
-
-std::set<std::string> threads() {
-    std::set<std::string> ids;
-    DIR* dir = opendir("/proc/self/task");
-    while (dirent* entry = dir ? readdir(dir) : nullptr)
-        if (entry->d_name[0] != '.')
-            ids.insert(entry->d_name);
-    closedir(dir);
-    return ids;
 }
 
 struct Printer : zeroconf::browser_listener, zeroconf::hostname_listener {
@@ -85,20 +74,20 @@ int main(int argc, char** argv) {
     }
     sigset_t signals;  // every thread inherits the mask, so the signals reach sigwait below
     sigemptyset(&signals);
-    for (int signal : {SIGTERM, SIGINT, SIGUSR1, SIGUSR2})
+    for (int signal : {SIGTERM, SIGINT, SIGUSR2})
         sigaddset(&signals, signal);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    std::set<std::string> before = threads();
     auto client = zeroconf::client::create(-1);
-    std::string poll_thread;
-    for (const std::string& id : threads())
-        poll_thread = before.count(id) ? poll_thread : id;
+    std::string poll_thread;  // the one thread beside the main thread so far
+    DIR* tasks = opendir("/proc/self/task");
+    while (dirent* task = readdir(tasks))
+        if (task->d_name[0] != '.' && std::atoi(task->d_name) != getpid())
+            poll_thread = task->d_name;
+    closedir(tasks);
     auto printer = boost::make_shared<Printer>();
     std::vector<boost::shared_ptr<void>> operations;
     const std::string mode = args.empty() ? "" : args[0];
-    bool engine = mode == "engine" && args.size() == 2;
-    std::uint32_t flags = engine ? std::stoul(args[1], nullptr, 0) : 0;
     if (mode == "browse" && args.size() >= 2) {
         operations.push_back(
             client->create_browser("", args[1], args.size() > 2 ? args[2] : "", printer, false));
@@ -114,7 +103,7 @@ int main(int argc, char** argv) {
     } else if (mode == "browsers" && args.size() == 3) {
         for (int i = std::stoi(args[1]); i > 0; --i)
             operations.push_back(client->create_browser("", args[2], "", printer, false));
-    } else if (!engine || KLV_Initialize(-1, 0, flags) != 0) {
+    } else {
         std::fputs("usage: see the opening comment of zeroconf_host_tool.cpp\n", stderr);
         return 2;
     }
@@ -130,16 +119,7 @@ int main(int argc, char** argv) {
         if (signal == SIGUSR2 &&
             std::ifstream("/proc/self/task/" + poll_thread + "/schedstat") >> poll_ns)
             report("cpu", ns(CLOCK_PROCESS_CPUTIME_ID), poll_ns);
-        if (signal == SIGUSR1 && mode == "engine") {
-            if (engine)
-                KLV_Uninitialize(), report("stopped");
-            else if (KLV_Initialize(-1, 0, flags) == 0)
-                report("started");
-            engine = !engine;
-        }
     }
-    if (engine && mode == "engine")
-        KLV_Uninitialize();
     operations.clear();
     client.reset();
     report("done");
