@@ -150,7 +150,10 @@ DNSServiceErrorType adopt(Handle* handle, DNSServiceErrorType error, DNSServiceR
     if (error != kDNSServiceErr_NoError) {
         handle->inner = nullptr;
         delete handle;
-        return error;
+        // Avahi's library says "unknown" when it finds no system bus and "unsupported" when the
+        // bus has no daemon (we pass no flags it could refuse): both mean no daemon to talk to.
+        bool noDaemon = error == kDNSServiceErr_Unknown || error == kDNSServiceErr_Unsupported;
+        return noDaemon ? kDNSServiceErr_ServiceNotRunning : error;
     }
     {
         std::lock_guard<std::mutex> lock(registry().mutex);
@@ -185,7 +188,8 @@ void DNSSD_API onRegister(DNSServiceRef, DNSServiceFlags flags, DNSServiceErrorT
         error = kDNSServiceErr_NameConflict;
         name = handle->name.c_str();
     }
-    handle->registerReply(handle->ref(), flags, error, name, type, domain, handle->context);
+    handle->registerReply(handle->ref(), flags, error, text(name), text(type), text(domain),
+                          handle->context);
 }
 
 void DNSSD_API onBrowse(DNSServiceRef, DNSServiceFlags flags, uint32_t interfaceIndex,
@@ -198,8 +202,8 @@ void DNSSD_API onBrowse(DNSServiceRef, DNSServiceFlags flags, uint32_t interface
         !handle->firstAddOrLastRemove(
             flags, joinKey(interfaceIndex, {text(name), text(type), text(domain)})))
         return;
-    handle->browseReply(handle->ref(), flags, interfaceIndex, error, name, type, domain,
-                        handle->context);
+    handle->browseReply(handle->ref(), flags, interfaceIndex, error, text(name), text(type),
+                        text(domain), handle->context);
 }
 
 void DNSSD_API onResolve(DNSServiceRef, DNSServiceFlags flags, uint32_t interfaceIndex,
@@ -208,8 +212,9 @@ void DNSSD_API onResolve(DNSServiceRef, DNSServiceFlags flags, uint32_t interfac
     auto* handle = static_cast<Handle*>(context);
     if (handle->released)
         return;
-    handle->resolveReply(handle->ref(), flags, interfaceIndex, error, fullname, host, port, txtLen,
-                         txt, handle->context);
+    // Avahi gives null names with its errors (a resolve that timed out): callers get "".
+    handle->resolveReply(handle->ref(), flags, interfaceIndex, error, text(fullname), text(host),
+                         port, txtLen, txt, handle->context);
 }
 
 void DNSSD_API onQueryRecord(DNSServiceRef, DNSServiceFlags flags, uint32_t interfaceIndex,
@@ -226,7 +231,7 @@ void DNSSD_API onQueryRecord(DNSServiceRef, DNSServiceFlags flags, uint32_t inte
         if (!handle->firstAddOrLastRemove(flags, key))
             return;
     }
-    handle->queryReply(handle->ref(), flags, interfaceIndex, error, fullname, rrtype, rrclass,
+    handle->queryReply(handle->ref(), flags, interfaceIndex, error, text(fullname), rrtype, rrclass,
                        rdlen, rdata, ttl, handle->context);
 }
 
@@ -266,6 +271,8 @@ VELMOR_EXPORT int DNSSD_API DNSServiceRefSockFD(DNSServiceRef sdRef) {
 }
 
 VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceProcessResult(DNSServiceRef sdRef) {
+    if (!sdRef)
+        return kDNSServiceErr_BadParam;
     Handle* handle = enter(sdRef);
     if (!handle)
         return kDNSServiceErr_BadReference;

@@ -84,7 +84,7 @@ bonjour_browser::impl::impl(boost::shared_ptr<bonjour_client> owner,
     : browser(std::move(listener)),
       dns_service(std::move(owner)),
       name_filter_(name_filter),
-      generation_(boost::make_shared<std::uint32_t>(0)),
+      history_(boost::make_shared<browse_history>()),
       reconfirm_(reconfirm) {
     DNSServiceErrorType error =
         DNSServiceBrowse(&sd_ref_, dnssd::flag_wake_on_resolve, interface_index, type.c_str(),
@@ -101,7 +101,8 @@ void DNSSD_API bonjour_browser::impl::browse_reply(DNSServiceRef, DNSServiceFlag
                                                    const char* type, const char* domain,
                                                    void* context) {
     guarded_reply([&] {
-        static_cast<impl*>(context)->on_browse(flags, interface_index, error, name, type, domain);
+        static_cast<impl*>(context)->on_browse(flags, interface_index, error, answer_text(name),
+                                               answer_text(type), answer_text(domain));
     });
 }
 
@@ -116,18 +117,22 @@ void bonjour_browser::impl::on_browse(DNSServiceFlags flags, std::uint32_t inter
         if (name_filter_ != name)
             return;
         // A later announcement supersedes the resolves of earlier ones.
-        ++*generation_;
+        ++history_->generation;
     }
-    if (flags & dnssd::flag_add)
+    ++history_->events;
+    if (flags & dnssd::flag_add) {
         start_resolve(flags, interface_index, name, type, domain);
-    else
-        listener_->remove(interface_index, name, type);
+        return;
+    }
+    // A resolve still under way for this instance must not report a server that has left.
+    history_->withdrawn[{interface_index, name}] = history_->events;
+    listener_->remove(interface_index, name, type);
 }
 
 void bonjour_browser::impl::start_resolve(DNSServiceFlags flags, std::uint32_t interface_index,
                                           const char* name, const char* type, const char* domain) {
-    auto resolver =
-        boost::make_shared<bonjour_resolver>(client_, type, listener_, generation_, reconfirm_);
+    auto resolver = boost::make_shared<bonjour_resolver>(client_, type, listener_, history_,
+                                                         reconfirm_, interface_index, name);
     auto context = std::make_unique<resolver_context>(resolver);
     if (context->start(flags, interface_index, name, type, domain)) {
         resolver->add_dns_service();
@@ -139,13 +144,16 @@ void bonjour_browser::impl::start_resolve(DNSServiceFlags flags, std::uint32_t i
 
 bonjour_resolver::bonjour_resolver(boost::shared_ptr<bonjour_client> owner, std::string type,
                                    boost::shared_ptr<browser_listener> listener,
-                                   boost::shared_ptr<std::uint32_t> generation, bool reconfirm)
+                                   boost::shared_ptr<browse_history> history, bool reconfirm,
+                                   std::uint32_t announced_on, std::string announced_name)
     : dns_service(std::move(owner)),
       type_(std::move(type)),
       listener_(std::move(listener)),
-      generation_(std::move(generation)),
-      generation_value_(*generation_),
-      reconfirm_(reconfirm) {}
+      history_(std::move(history)),
+      generation_value_(history_->generation),
+      started_at_(history_->events),
+      reconfirm_(reconfirm),
+      announced_(announced_on, std::move(announced_name)) {}
 
 resolver_context::resolver_context(boost::shared_ptr<bonjour_resolver> resolver)
     : resolver_(std::move(resolver)) {}
@@ -193,19 +201,27 @@ void DNSSD_API resolver_context::resolve_reply(DNSServiceRef, DNSServiceFlags,
                                                std::uint16_t txt_length, const unsigned char* txt,
                                                void* context) {
     guarded_reply([&] {
-        static_cast<resolver_context*>(context)->on_resolve(interface_index, error, fullname, host,
-                                                            port, txt_length, txt);
+        static_cast<resolver_context*>(context)->on_resolve(
+            interface_index, error, answer_text(fullname), answer_text(host), port, txt_length,
+            txt);
     });
 }
 
 void resolver_context::on_resolve(std::uint32_t interface_index, DNSServiceErrorType error,
                                   const char* fullname, const char* host, std::uint16_t port,
                                   std::uint16_t txt_length, const unsigned char* txt) {
-    std::string instance = instance_part(fullname);
+    // An error answer may name nothing at all (Avahi gives up on a host without an address).
     if (error != 0) {
         ZEROCONF_LOG(3, "errorCode = %d\n", error);
         delete this;
         return;
+    }
+    std::string instance;
+    try {
+        instance = instance_part(fullname);
+    } catch (...) {
+        delete this;  // the chain ends here; the poll loop logs the name
+        throw;
     }
     bonjour_resolver& resolver = *resolver_;
     resolver.interface_index_ = interface_index;
@@ -215,10 +231,13 @@ void resolver_context::on_resolve(std::uint32_t interface_index, DNSServiceError
     parse_txt_record(txt_length, txt, resolver.txt_);
 
     // The query reuses sd_ref_, so the resolver stays registered and is waited on next cycle.
-    DNSServiceRefDeallocate(resolver.sd_ref_);
-    resolver.sd_ref_ = nullptr;
-    error = DNSServiceQueryRecord(&resolver.sd_ref_, 0, interface_index, host, dnssd::type_a,
-                                  dnssd::class_in, &resolver_context::query_reply, this);
+    DNSServiceRef resolve = resolver.current_ref();
+    resolver.replace_ref(nullptr);
+    DNSServiceRefDeallocate(resolve);
+    DNSServiceRef query = nullptr;
+    error = DNSServiceQueryRecord(&query, 0, interface_index, host, dnssd::type_a, dnssd::class_in,
+                                  &resolver_context::query_reply, this);
+    resolver.replace_ref(query);
     mark_started();
     if (error == 0)
         return;
@@ -254,7 +273,8 @@ void DNSSD_API resolver_context::query_reply(DNSServiceRef, DNSServiceFlags,
             delete self;
             return;
         }
-        self->on_query(interface_index, error, fullname, type, record_class, length, data);
+        self->on_query(interface_index, error, answer_text(fullname), type, record_class, length,
+                       data);
     });
 }
 
@@ -279,7 +299,10 @@ void resolver_context::on_query(std::uint32_t interface_index, DNSServiceErrorTy
         DNSServiceReconfirmRecord(dnssd::flag_force, interface_index, fullname, type, record_class,
                                   4, data);
     }
-    if (resolver.generation_value_ == *resolver.generation_)
+    auto withdrawal = resolver.history_->withdrawn.find(resolver.announced_);
+    bool withdrawn = withdrawal != resolver.history_->withdrawn.end() &&
+                     withdrawal->second > resolver.started_at_;
+    if (resolver.generation_value_ == resolver.history_->generation && !withdrawn)
         resolver.listener_->add(resolver.interface_index_, resolver.name_.c_str(),
                                 resolver.type_.c_str(), resolver.host_.c_str(), address,
                                 resolver.port_, resolver.txt_);

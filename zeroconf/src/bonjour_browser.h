@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -40,6 +41,17 @@ private:
 
 class resolver_context;
 
+/// \brief What a browse shares with the resolves it started; read and written on the poll
+/// thread only.
+struct browse_history {
+    // Raised by every announcement of the filtered name: older resolves are superseded.
+    std::uint32_t generation = 0;
+    // Counts browse events; a withdrawal records the count at which it came, per interface and
+    // name, so that a resolve begun before it is recognised when it answers.
+    std::uint64_t events = 0;
+    std::map<std::pair<std::uint32_t, std::string>, std::uint64_t> withdrawn;
+};
+
 /// \brief The open browse and the state shared with the resolves it starts.
 class bonjour_browser::impl : public browser, public dns_service {
 public:
@@ -59,7 +71,7 @@ private:
                        const char* type, const char* domain);
 
     std::string name_filter_;
-    boost::shared_ptr<std::uint32_t> generation_;
+    boost::shared_ptr<browse_history> history_;
     bool reconfirm_;
     // Resolves DNS-SD refused to start: never served, freed with the browse.
     std::vector<std::unique_ptr<resolver_context>> abandoned_;
@@ -70,16 +82,20 @@ class bonjour_resolver : public dns_service {
 public:
     bonjour_resolver(boost::shared_ptr<bonjour_client> owner, std::string type,
                      boost::shared_ptr<browser_listener> listener,
-                     boost::shared_ptr<std::uint32_t> generation, bool reconfirm);
+                     boost::shared_ptr<browse_history> history, bool reconfirm,
+                     std::uint32_t announced_on, std::string announced_name);
 
 private:
     friend class resolver_context;
 
     std::string type_;
     boost::shared_ptr<browser_listener> listener_;
-    boost::shared_ptr<std::uint32_t> generation_;
+    boost::shared_ptr<browse_history> history_;
     std::uint32_t generation_value_;
+    std::uint64_t started_at_;
     bool reconfirm_;
+    // The browse event's interface and name, as a withdrawal names them.
+    std::pair<std::uint32_t, std::string> announced_;
 
     std::uint32_t interface_index_ = 0;
     std::string name_;

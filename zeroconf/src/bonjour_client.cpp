@@ -1,3 +1,8 @@
+#ifdef _WIN32
+// Winsock's select set holds as many sockets as the poll thread serves.
+#define FD_SETSIZE 512
+#endif
+
 #include "bonjour_client.h"
 
 #include <sys/types.h>
@@ -18,7 +23,7 @@
 #ifdef _WIN32
 #include <winsock2.h>
 #else
-#include <sys/select.h>
+#include <poll.h>
 #endif
 
 namespace zeroconf {
@@ -44,35 +49,62 @@ std::string last_socket_error(int& code) {
     return text;
 }
 
-// The socket of an operation when sorting ready from not ready; -1 when there is none.
-dnssd::socket_type sorting_socket(const dns_service& operation) {
-    try {
-        return operation.sd_ref_ ? DNSServiceRefSockFD(operation.sd_ref_) : -1;
-    } catch (...) {
-        ZEROCONF_LOG(3, "exception in DNSServiceRefSockFD.2\n");
-        return -1;
+// Deallocates what other threads closed since the last cycle; the poll thread only.
+void deallocate_closed(poll_state& state) {
+    std::vector<DNSServiceRef> closed;
+    {
+        registry_lock lock(state.mutex);
+        closed.swap(state.closed);
     }
+    for (DNSServiceRef ref : closed)
+        DNSServiceRefDeallocate(ref);
 }
 
-bool fits_read_set(dnssd::socket_type socket) {
+struct waited_operation {
+    boost::weak_ptr<dns_service> operation;
+    DNSServiceRef ref;
+    dnssd::socket_type socket;
+};
+
+// Waits until some sockets are readable; their entries are marked in ready. The result is
+// what the system call returned.
+int wait_readable(const std::vector<waited_operation>& waited, std::vector<bool>& ready,
+                  std::chrono::nanoseconds wait) {
+    ready.assign(waited.size(), false);
 #ifdef _WIN32
-    (void)socket;
-    return true;
+    fd_set read_set;
+    FD_ZERO(&read_set);
+    for (const waited_operation& entry : waited)
+        FD_SET(entry.socket, &read_set);
+    timeval timeout{};
+    timeout.tv_sec = static_cast<long>(wait.count() / 1000000000);
+    timeout.tv_usec = static_cast<long>(wait.count() % 1000000000 / 1000);
+    int result = select(0, &read_set, nullptr, nullptr, &timeout);
+    for (std::size_t i = 0; result > 0 && i < waited.size(); ++i)
+        ready[i] = FD_ISSET(waited[i].socket, &read_set) != 0;
 #else
-    return socket >= 0 && socket < FD_SETSIZE;
+    // poll, not select: descriptor numbers above 1023 are common in a busy process.
+    std::vector<pollfd> sockets(waited.size());
+    for (std::size_t i = 0; i < waited.size(); ++i)
+        sockets[i] = {waited[i].socket, POLLIN, 0};
+    int result =
+        ::poll(sockets.data(), sockets.size(),
+               static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(wait).count()));
+    // A daemon that went away leaves the socket hung up: it is read, and the reply says so.
+    for (std::size_t i = 0; result > 0 && i < waited.size(); ++i)
+        ready[i] = (sockets[i].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0;
 #endif
+    return result;
 }
 
 // One cycle of the poll thread; false once the client has gone.
 bool poll_once(poll_state& state) {
     if (state.stop)
         return false;
+    deallocate_closed(state);
 
-    fd_set read_set;
-    FD_ZERO(&read_set);
-    dnssd::socket_type highest = -1;
+    std::vector<waited_operation> waited;
     int valid = 0;
-    int in_set = 0;
     {
         registry_lock lock(state.mutex);
         for (const auto& entry : state.registry) {
@@ -91,12 +123,8 @@ bool poll_once(poll_state& state) {
                              static_cast<int>(socket), static_cast<void*>(operation->sd_ref_));
                 continue;
             }
-            if (socket > highest)
-                highest = socket;
-            if (in_set < bonjour_client::max_operations && fits_read_set(socket)) {
-                FD_SET(socket, &read_set);
-                ++in_set;
-            }
+            if (waited.size() < static_cast<std::size_t>(bonjour_client::max_operations))
+                waited.push_back({entry, operation->sd_ref_, socket});
             if (++valid > bonjour_client::max_operations) {
                 ZEROCONF_LOG(3, "fdset too small\n");
                 throw std::runtime_error("fdset too small.");
@@ -105,15 +133,13 @@ bool poll_once(poll_state& state) {
     }
 
     std::chrono::nanoseconds wait = state.time->poll_wait();
-    if (highest == -1) {
+    if (waited.empty()) {
         std::this_thread::sleep_for(wait);
         return true;
     }
 
-    timeval timeout{};
-    timeout.tv_sec = static_cast<decltype(timeout.tv_sec)>(wait.count() / 1000000000);
-    timeout.tv_usec = static_cast<decltype(timeout.tv_usec)>(wait.count() % 1000000000 / 1000);
-    int ready_count = select(static_cast<int>(highest) + 1, &read_set, nullptr, nullptr, &timeout);
+    std::vector<bool> readable;
+    int ready_count = wait_readable(waited, readable, wait);
     if (state.stop || ready_count == 0)
         return true;
     if (ready_count < 0) {
@@ -123,34 +149,26 @@ bool poll_once(poll_state& state) {
         return true;
     }
 
-    std::vector<boost::weak_ptr<dns_service>> ready;
-    std::vector<boost::weak_ptr<dns_service>> not_ready;
-    {
-        registry_lock lock(state.mutex);
-        for (const auto& entry : state.registry) {
-            if (ready_count <= 0)
-                break;
-            boost::shared_ptr<dns_service> operation = entry.lock();
-            if (!operation)
-                continue;
-            dnssd::socket_type socket = sorting_socket(*operation);
-            if (socket != -1 && fits_read_set(socket) && FD_ISSET(socket, &read_set)) {
-                ready.push_back(entry);
-                --ready_count;
-            } else {
-                not_ready.push_back(entry);
-            }
+    std::vector<const waited_operation*> ready;
+    std::vector<const waited_operation*> not_ready;
+    for (std::size_t i = 0; i < waited.size() && ready_count > 0; ++i) {
+        if (readable[i]) {
+            ready.push_back(&waited[i]);
+            --ready_count;
+        } else {
+            not_ready.push_back(&waited[i]);
         }
     }
 
-    for (const auto& entry : ready) {
-        boost::shared_ptr<dns_service> operation = entry.lock();
-        if (!operation) {
+    for (const waited_operation* entry : ready) {
+        boost::shared_ptr<dns_service> operation = entry->operation.lock();
+        // Closed since the wait (by a callback of this cycle or another thread): not served.
+        if (!operation || operation->current_ref() != entry->ref) {
             ZEROCONF_LOG(4, "dns_service has been destroyed\n");
             continue;
         }
         try {
-            DNSServiceErrorType result = DNSServiceProcessResult(operation->sd_ref_);
+            DNSServiceErrorType result = DNSServiceProcessResult(entry->ref);
             if (result == dnssd::err_bad_param)
                 ZEROCONF_LOG(8, "DNSServiceProcessResult returned %d\n", result);
             else if (result != 0)
@@ -158,10 +176,11 @@ bool poll_once(poll_state& state) {
         } catch (...) {
             log_reply_exception();
         }
+        deallocate_closed(state);
     }
 
-    for (const auto& entry : not_ready) {
-        boost::shared_ptr<dns_service> operation = entry.lock();
+    for (const waited_operation* entry : not_ready) {
+        boost::shared_ptr<dns_service> operation = entry->operation.lock();
         if (operation && operation->stale_check_argument_ && operation->stale_check)
             operation->stale_check(operation->stale_check_argument_);
     }
@@ -169,12 +188,17 @@ bool poll_once(poll_state& state) {
 }
 
 void poll(boost::shared_ptr<poll_state> state) {
+    {
+        registry_lock lock(state->mutex);
+        state->poll_thread = boost::this_thread::get_id();
+    }
     try {
         while (poll_once(*state)) {
         }
     } catch (const std::runtime_error&) {
         // Too many operations: already logged; the thread ends rather than the program.
     }
+    deallocate_closed(*state);
 }
 
 }  // namespace
@@ -209,6 +233,8 @@ bonjour_client::~bonjour_client() {
         return;
     }
     poll_thread_.join();
+    // A thread ended early (too many operations) left what was closed since to us.
+    deallocate_closed(*state_);
     registry_lock lock(state_->mutex);
     state_->registry.clear();
 }
@@ -288,6 +314,8 @@ void dns_service::add_dns_service() {
 }
 
 void dns_service::remove_dns_service() {
+    DNSServiceRef closed = nullptr;
+    bool on_poll_thread = false;
     {
         poll_state& state = client_->state();
         registry_lock lock(state.mutex);
@@ -304,11 +332,26 @@ void dns_service::remove_dns_service() {
                 break;
             }
         }
+        std::swap(closed, sd_ref_);
+        on_poll_thread = boost::this_thread::get_id() == state.poll_thread;
+        // Another thread's close waits for the poll thread, which may be dispatching it now.
+        if (closed && !on_poll_thread) {
+            state.closed.push_back(closed);
+            return;
+        }
     }
-    if (sd_ref_) {
-        DNSServiceRefDeallocate(sd_ref_);
-        sd_ref_ = nullptr;
-    }
+    if (closed)
+        DNSServiceRefDeallocate(closed);
+}
+
+DNSServiceRef dns_service::current_ref() {
+    registry_lock lock(client_->state().mutex);
+    return sd_ref_;
+}
+
+void dns_service::replace_ref(DNSServiceRef ref) {
+    registry_lock lock(client_->state().mutex);
+    sd_ref_ = ref;
 }
 
 }  // namespace zeroconf

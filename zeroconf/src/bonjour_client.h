@@ -29,6 +29,10 @@ struct poll_state {
     std::atomic<bool> stop{false};
     // Weak: the poll thread never keeps an operation alive; in order of registration.
     std::vector<boost::weak_ptr<dns_service>> registry;
+    // Operations closed on another thread, deallocated by the poll thread between dispatches:
+    // DNS-SD must never free a reference that the poll thread may be dispatching.
+    std::vector<DNSServiceRef> closed;
+    boost::thread::id poll_thread;
     boost::recursive_mutex mutex;
 };
 
@@ -89,6 +93,10 @@ public:
 
     virtual void add_dns_service();
     void remove_dns_service();
+    /// sd_ref_ as the poll thread may read it at the same time.
+    DNSServiceRef current_ref();
+    /// Puts another operation in sd_ref_ (the poll thread's own callbacks only).
+    void replace_ref(DNSServiceRef ref);
     const boost::shared_ptr<bonjour_client>& owner() const { return client_; }
 
     DNSServiceRef sd_ref_ = nullptr;
@@ -99,6 +107,11 @@ public:
 protected:
     boost::shared_ptr<bonjour_client> client_;
 };
+
+/// A name from a DNS-SD answer: error answers may carry null names.
+inline const char* answer_text(const char* text) {
+    return text ? text : "";
+}
 
 /// The poll loop's line for an exception out of a DNS-SD reply.
 void log_reply_exception();

@@ -43,7 +43,8 @@ void DNSSD_API bonjour_hostname_browser::impl::address_reply(
     DNSServiceRef, DNSServiceFlags flags, std::uint32_t interface_index, DNSServiceErrorType error,
     const char* host_name, const struct sockaddr* address, std::uint32_t, void* context) {
     guarded_reply([&] {
-        static_cast<impl*>(context)->on_address(flags, interface_index, error, host_name, address);
+        static_cast<impl*>(context)->on_address(flags, interface_index, error,
+                                                answer_text(host_name), address);
     });
 }
 

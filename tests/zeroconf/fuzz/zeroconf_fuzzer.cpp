@@ -1,0 +1,62 @@
+// libFuzzer targets, one per build of this file: the TXT record parser checked against the
+// encoder (TXT_RECORD_FUZZER), or cutting a DNS-SD full name's instance part and undoing its
+// escapes.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "bonjour_browser.h"
+#include "zeroconf/dns_txt_record.h"
+
+#ifdef TXT_RECORD_FUZZER
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    // Malformed records are logged on standard output; the fuzzer reports on standard error.
+    return std::freopen("/dev/null", "w", stdout) ? 0 : (std::abort(), 0);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size > 0xffff)
+        return 0;
+    // A copy of exactly the record's size, so any read past its end is caught.
+    std::vector<unsigned char> record(data, data + size);
+    std::vector<std::string> entries;
+    if (!zeroconf::parse_txt_record(static_cast<std::uint16_t>(size),
+                                    record.empty() ? nullptr : record.data(), entries))
+        return entries.empty() ? 0 : (std::abort(), 0);
+    // A record the encoder could have made must come out of it unchanged.
+    std::size_t total = 0;
+    for (const std::string& entry : entries) {
+        if (entry.empty() || entry.size() > 127)
+            return 0;
+        total += 1 + entry.size();
+    }
+    if (total != size)
+        std::abort();
+    zeroconf::dns_txt_records encoded(entries);
+    if (total <= 32767 && (encoded.length() != size ||
+                           (size > 0 && std::memcmp(encoded.data(), record.data(), size) != 0)))
+        std::abort();
+    return 0;
+}
+#else
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    // Full names reach the library as C strings.
+    std::string fullname = std::string(reinterpret_cast<const char*>(data), size).c_str();
+    if (zeroconf::unescape_instance_name(fullname).size() > fullname.size())
+        std::abort();
+    try {
+        std::string instance = zeroconf::instance_part(fullname.c_str());
+        if (instance.size() >= fullname.size() || fullname.compare(0, instance.size(), instance) ||
+            fullname[instance.size()] != '.' ||
+            zeroconf::unescape_instance_name(instance).size() > instance.size())
+            std::abort();
+    } catch (const std::runtime_error&) {
+        // No unescaped dot: "illegal service name".
+    }
+    return 0;
+}
+#endif

@@ -1,0 +1,462 @@
+// The zeroconf library against the fake DNS-SD library: what its callers, DNS-SD and the log see.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <arpa/inet.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include <boost/make_shared.hpp>
+
+#include "bonjour_browser.h"
+#include "fake_dnssd_control.h"
+#include "zeroconf/client.h"
+#include "zeroconf/dns_txt_record.h"
+#include "zeroconf/hostname_browser.h"
+
+using namespace std::chrono_literals;
+using Lines = std::vector<std::string>;
+namespace {
+
+const fake_dnssd::control& fake() {
+    return fake_dnssd::control::get();
+}
+constexpr std::uint32_t kAdd = 2;
+const char* kRegtype = "_http._tcp,_ravenna";
+const std::string kAdded = "add 5 _velmor_a _http._tcp. a.local. 10.0.0.1 8080 [master:1]";
+
+bool eventually(const std::function<bool()>& done) {
+    for (auto end = std::chrono::steady_clock::now() + 5s; !done();
+         std::this_thread::sleep_for(2ms))
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+    return true;
+}
+
+// Threads beyond those the process had at the first test (a sanitizer has its own).
+int threads() {
+    std::filesystem::directory_iterator tasks("/proc/self/task");
+    static const int base = std::distance(tasks, std::filesystem::directory_iterator());
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}) - base + 1;
+}
+
+// Standard output (the log) goes to a file while it lives; shown when the test failed.
+struct Log {
+    Log() : saved(dup(1)) { std::fflush(stdout), dup2(mkstemp(path), 1); }
+    ~Log() {
+        std::fflush(stdout), dup2(saved, 1), close(saved);
+        if (::testing::Test::HasFailure())
+            std::printf("--- log ---\n%s--- end ---\n", text().c_str());
+        std::remove(path);
+    }
+    std::string text() const {
+        std::fflush(stdout);
+        std::ostringstream all;
+        all << std::ifstream(path).rdbuf();
+        return all.str();
+    }
+    std::size_t count(const std::string& line) const {
+        std::size_t found = 0, at = 0;
+        for (std::string all = text(); (at = all.find(line, at)) != std::string::npos; ++at)
+            ++found;
+        return found;
+    }
+    bool wait(const std::string& line, std::size_t times = 1) const {
+        return eventually([&] { return count(line) >= times; });
+    }
+    char path[32] = "/tmp/zeroconf-log-XXXXXX";
+    int saved;
+};
+
+// Every call of both listeners, as one line of text.
+struct Listener : zeroconf::browser_listener, zeroconf::hostname_listener {
+    void add(std::uint32_t index, const char* name, const char* type, const char* host,
+             const char* address, std::uint16_t port, const Lines& txt) override {
+        std::string entries;
+        for (const std::string& entry : txt)
+            entries += " [" + entry + ']';
+        record("add", index, name, type, host, address, std::to_string(port) + entries);
+        if (on_add)
+            on_add();
+    }
+    void remove(std::uint32_t index, const char* name, const char* type) override {
+        record("remove", index, name, type);
+    }
+    void add(std::uint32_t i, const char* host, const char* address) override {
+        record("host", i, host, address);
+    }
+    void remove(std::uint32_t index, const char* host) override { record("gone", index, host); }
+    template <typename... Parts>
+    void record(const Parts&... parts) {
+        std::ostringstream line;
+        ((line << parts << ' '), ...);
+        std::lock_guard<std::mutex> hold(mutex);
+        lines.push_back(line.str().substr(0, line.str().size() - 1));
+    }
+    Lines seen() {
+        std::lock_guard<std::mutex> hold(mutex);
+        return lines;
+    }
+    std::mutex mutex;
+    Lines lines;
+    std::function<void()> on_add;
+};
+
+class Zeroconf : public ::testing::Test {
+public:
+    void SetUp() override {
+        fake().reset();
+        // A client dropped on its own poll thread leaves the thread to end by itself.
+        ASSERT_TRUE(eventually([&] { return threads() == 1; }));
+        client = zeroconf::client::create(5);
+    }
+    void TearDown() override {
+        browser.reset(), service.reset(), hosts.reset(), client.reset();
+        // Every operation ends with its object, and the poll thread with its client.
+        EXPECT_TRUE(eventually([] { return fake().open_count(nullptr) == 0; }));
+        EXPECT_TRUE(eventually([&] { return threads() == 1; }));
+    }
+    void browse(const std::string& filter = "", bool reconfirm = false) {
+        browser = client->create_browser(filter, "_http._tcp", "_ravenna", listener, reconfirm);
+    }
+    void announce(const char* name, std::uint32_t flags = kAdd, std::uint32_t index = 5) {
+        ASSERT_EQ(fake().browse_event(kRegtype, flags, index, 0, name, "_http._tcp.", "local."), 0);
+    }
+    // Answers the oldest open resolve of name: "a.local." port 8080, TXT "master:1".
+    void resolve(const std::string& name, std::string fullname = "") {
+        ASSERT_TRUE(fake().wait_idle(5000));  // earlier answers went to earlier operations
+        ASSERT_TRUE(fake().wait_open("DNSServiceResolve", name.c_str(), 5000));
+        fullname = fullname.empty() ? name + "._http._tcp.local." : fullname;
+        ASSERT_EQ(fake().resolve_answer(name.c_str(), 0, 5, 0, fullname.c_str(), "a.local.",
+                                        htons(8080), 9, (const unsigned char*)"\x08master:1"),
+                  0);
+    }
+    void address(std::uint16_t length = 4) {
+        ASSERT_TRUE(fake().wait_idle(5000));
+        ASSERT_TRUE(fake().wait_open("DNSServiceQueryRecord", "a.local.", 5000));
+        const unsigned char ip[16] = {10, 0, 0, 1};
+        ASSERT_EQ(fake().query_answer("a.local.", kAdd, 5, 0, "a.local.", 1, 1, length, ip, 9), 0);
+    }
+    void chain(const char* name = "_velmor_a") { announce(name), resolve(name), address(); }
+    Lines settled(std::size_t count = 0) {
+        EXPECT_TRUE(eventually([&] { return listener->seen().size() >= count; }));
+        EXPECT_TRUE(fake().wait_idle(5000));
+        return listener->seen();
+    }
+    void watch_host() { hosts = client->create_hostname_browser("h.local.", listener); }
+    void answer_host(const char* host, int family, std::uint32_t flags = kAdd, int error = 0) {
+        const unsigned char ip[16] = {10, 0, 0, 2};
+        fake().address_answer("h.local.", flags, 5, error, host, family, family ? ip : nullptr);
+    }
+
+    Log log;
+    boost::shared_ptr<Listener> listener = boost::make_shared<Listener>();
+    boost::shared_ptr<zeroconf::client> client;
+    boost::shared_ptr<zeroconf::browser> browser;
+    boost::shared_ptr<zeroconf::service> service;
+    boost::shared_ptr<zeroconf::hostname_browser> hosts;
+};
+
+// Wrong flags, interfaces or arguments in a DNS-SD call; an escape left in a name; a chain that
+// leaves its operations open; host-name answers: IPv4 text, empty text for IPv6, another host's
+// answer ignored, removal.
+TEST_F(Zeroconf, CallsMadeAndWhatTheListenerGets) {
+    browse("", true);
+    chain("My\\.Box");
+    service = client->create_service("studio", "_http._tcp", 8080, {"_ravenna", "_x"},
+                                     {"a", "", "bc"}, [](int) {});
+    watch_host();
+    answer_host("h.local.", 2), answer_host("h.local.", 10), answer_host("other.local.", 2);
+    answer_host("h.local.", 2, 0);
+    auto other = client->create_browser("", "_http._tcp", "local.", "", listener, false);
+    settled(4);
+    const std::pair<const char*, const char*> calls[] = {
+        // flags interface type domain
+        {"DNSServiceBrowse", "262144 0 _http._tcp local."},
+        // the browse event's flags and interface; name type domain
+        {"DNSServiceResolve", "2 5 My\\.Box _http._tcp. local."},
+        // flags interface host type class
+        {"DNSServiceQueryRecord", "0 5 a.local. 1 1"},
+        {"DNSServiceReconfirmRecord", "2048 5 a.local. 1 1 0a000001"},
+        // flags interface name type domain host port TXT
+        {"DNSServiceRegister", "8 5 studio _http._tcp,_ravenna,_x (null) (null) 8080 0161026263"},
+        // flags interface protocol host
+        {"DNSServiceGetAddrInfo", "4096 5 1 h.local."}};
+    for (const auto& call : calls)
+        EXPECT_EQ(fake().last(call.first), call.second);
+    announce("My\\.Box", 0);  // remove names the instance as DNS-SD did
+    Lines seen = settled(5);
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(seen, (Lines{"add 5 My.Box _http._tcp. a.local. 10.0.0.1 8080 [master:1]",
+                           "gone 5 h.local.", "host 5 h.local. ", "host 5 h.local. 10.0.0.2",
+                           "remove 5 My\\.Box _http._tcp."}));
+    EXPECT_EQ(log.count("Hostname Resolved h.local. -> \x02"), 1u);
+    EXPECT_EQ(log.count("a.local. seems out dated -> force daemon to verify"), 1u);
+    EXPECT_EQ(fake().open_count("DNSServiceResolve") + fake().open_count("DNSServiceQueryRecord"),
+              0);
+}
+
+struct Stage {
+    const char* name;
+    const char* line;
+    std::size_t times;
+};
+void PrintTo(const Stage& stage, std::ostream* out) {
+    *out << stage.name;
+}
+class ErrorAtEachStage : public Zeroconf, public ::testing::WithParamInterface<Stage> {};
+
+// Avahi's error answers carry null names (read before the error code, they crashed the agent):
+// each error is its line in the log, the listener hears nothing and the next announcement is
+// still served.
+TEST_P(ErrorAtEachStage, IsLoggedAndDiscoveryGoesOn) {
+    const std::string stage = GetParam().name;
+    browse();
+    watch_host();
+    if (stage == "browse") {
+        fake().browse_event(kRegtype, 0, 0, -65563, nullptr, nullptr, nullptr);
+    } else if (stage == "address") {
+        fake().address_answer("h.local.", 0, 0, -65563, nullptr, 0, nullptr);
+    } else {
+        if (stage.find("refused") != std::string::npos)
+            fake().fail(stage == "resolve refused" ? "DNSServiceResolve" : "DNSServiceQueryRecord",
+                        stage == "query refused" ? -65537 : -65540);
+        announce("_velmor_x");
+        if (stage == "resolve" && fake().wait_open("DNSServiceResolve", "_velmor_x", 5000))
+            fake().resolve_answer("_velmor_x", 0, 0, -65563, nullptr, nullptr, 0, 0, nullptr);
+        else if (stage != "resolve refused")
+            resolve("_velmor_x", stage == "full name without a dot" ? "_velmor_x" : "");
+        if (stage == "query" && fake().wait_open("DNSServiceQueryRecord", "a.local.", 5000))
+            fake().query_answer("a.local.", 0, 0, -65563, nullptr, 0, 0, 0, nullptr, 0);
+    }
+    EXPECT_TRUE(log.wait(GetParam().line, GetParam().times));
+    fake().reset();
+    settled();
+    chain();
+    EXPECT_EQ(settled(1), Lines{kAdded});
+    EXPECT_EQ(log.count(GetParam().line), GetParam().times);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Zeroconf, ErrorAtEachStage,
+    ::testing::Values(Stage{"browse", "zeroconf_category: errorCode = -65563\n", 1},
+                      Stage{"resolve", "zeroconf_category: errorCode = -65563\n", 1},
+                      Stage{"query", "zeroconf_category: errorCode = -65563\n", 1},
+                      Stage{"address", "zeroconf_category: errorCode = -65563\n", 1},
+                      Stage{"resolve refused", "DNSServiceResolve() failed (-65540)\n", 1},
+                      Stage{"query refused", "DNSServiceQueryRecord failed (-65537)\n", 2},
+                      Stage{"query refused for parameters",
+                            "DNSServiceQueryRecord failed (-65540 = wrong parameters)\n"
+                            "resolve_reply(n/a, 0, _velmor_x._http._tcp.local., a.local., 36895, "
+                            "9, 0x",
+                            1},
+                      Stage{"full name without a dot", "exception in DNSServiceProcessResult\n",
+                            1}),
+    [](const auto& info) {
+        std::string name = info.param.name;
+        std::replace(name.begin(), name.end(), ' ', '_');
+        return name;
+    });
+
+// A server that left while its resolve was under way must never be reported (the agent
+// attached to it); a withdrawal on another interface, or an earlier one, changes nothing.
+TEST_F(Zeroconf, ResolveBegunBeforeAWithdrawalIsDropped) {
+    browse();
+    announce("_velmor_a");
+    announce("_velmor_a", 0);
+    resolve("_velmor_a");
+    address();
+    announce("_velmor_a");
+    announce("_velmor_a", 0, 6);
+    resolve("_velmor_a");
+    address();
+    Lines seen = settled(3);
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(seen,
+              (Lines{kAdded, "remove 5 _velmor_a _http._tcp.", "remove 6 _velmor_a _http._tcp."}));
+}
+
+// With a name filter only that instance counts, and only its last announcement is reported;
+// without one every announcement is; resolves under way finish after their browser is gone.
+TEST_F(Zeroconf, NameFilterKeepsTheLastAnnouncementAndResolvesOutliveTheBrowser) {
+    for (const char* filter : {"_velmor_a", ""}) {
+        listener->lines.clear();
+        browse(filter);
+        announce("_velmor_b");
+        announce("_velmor_a");
+        announce("_velmor_a");
+        resolve("_velmor_a");
+        browser.reset();
+        address();
+        resolve("_velmor_a");
+        address();
+        if (!*filter)  // ends the other instance's resolve
+            fake().resolve_answer("_velmor_b", 0, 0, -65563, nullptr, nullptr, 0, 0, nullptr);
+        EXPECT_EQ(settled(*filter ? 1 : 2), Lines(*filter ? 1 : 2, kAdded)) << filter;
+        ASSERT_TRUE(eventually([] { return fake().open_count(nullptr) == 0; }));
+    }
+}
+
+// The registration's outcome reaches the callback and the log, never renamed; the daemon
+// decides on long names; an empty callback is caught; over-long TXT entries publish none.
+TEST_F(Zeroconf, RegistrationOutcomes) {
+    const struct {
+        std::string name;
+        int error, state;
+        const char* line;
+    } rows[] = {
+        {std::string(63, 'n'), 0, 3, nullptr},
+        {std::string(64, 'n'), -65548, 2, "bonjour_service failed name collision (-65548)\n"},
+        {"s", -65537, 1, "bonjour_service failed (-65537)\n"}};
+    for (const auto& row : rows) {
+        std::atomic<int> state{0};
+        service =
+            client->create_service(row.name, "_t._tcp", 80, {}, {}, [&](int s) { state = s; });
+        fake().register_answer(row.name.c_str(), 0, row.error, nullptr, nullptr, nullptr);
+        EXPECT_TRUE(eventually([&] { return state == row.state; })) << row.name;
+        EXPECT_EQ(row.line ? log.count(row.line) : log.text().size(), row.line ? 1u : 0u);
+        service.reset();
+    }
+    EXPECT_EQ(
+        log.count("service name \"" + std::string(64, 'n') + "\" is too long(64) should be < 64"),
+        1u);
+    service = client->create_service("x", "_t._tcp", 80, {}, {std::string(128, 't')}, {});
+    EXPECT_EQ(fake().last("DNSServiceRegister"), "8 5 x _t._tcp (null) (null) 80 ");
+    fake().register_answer("x", 0, 0, "x", "_t._tcp.", "local.");
+    EXPECT_TRUE(log.wait("exception in DNSServiceProcessResult\n"));
+}
+
+struct Factory {
+    const char* function;
+    int error;
+    const char* line;
+};
+void PrintTo(const Factory& factory, std::ostream* out) {
+    *out << factory.line;
+}
+class FactoryLine : public Zeroconf, public ::testing::WithParamInterface<Factory> {};
+
+// A refused operation gives a null object and one line: the client's interface, the first two
+// arguments and the reason.
+TEST_P(FactoryLine, RefusedOperationGivesNothingAndOneLine) {
+    fake().fail(GetParam().function, GetParam().error);
+    const std::string function = GetParam().function;
+    EXPECT_FALSE(function == "DNSServiceBrowse"
+                     ? !!client->create_browser("_velmor", "_http._tcp", "_ravenna", listener, 0)
+                 : function == "DNSServiceRegister"
+                     ? !!client->create_service("studio", "_http._tcp", 80, {}, {}, [](int) {})
+                     : !!client->create_hostname_browser("h.local.", listener));
+    EXPECT_EQ(log.count(std::string("zeroconf_category: ") + GetParam().line + "\n"), 1u);
+    EXPECT_EQ(log.count("\n"), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Zeroconf, FactoryLine,
+    ::testing::Values(
+        Factory{"DNSServiceBrowse", -65563,
+                "[5] _velmor  _http._tcp; runtime error DNSServiceBrowse() failed (-65563)."},
+        Factory{"DNSServiceRegister", -65548,
+                "[5] studio  _http._tcp; runtime error Could not register service \"studio\" "
+                "(-65548)."},
+        Factory{"DNSServiceGetAddrInfo", -65537,
+                "[5] h.local.  ; runtime error DNSServiceGetAddrInfo() failed (-65537)."}),
+    [](const auto& info) { return std::string(info.param.function); });
+
+// The client dropped inside a callback must not wait for its own thread.
+TEST_F(Zeroconf, ClientDestroyedInsideACallbackDoesNotDeadlock) {
+    browse();
+    listener->on_add = [&] { browser.reset(), client.reset(); };
+    chain();
+    EXPECT_TRUE(log.wait("destroyed from poll_thread_\n"));
+}
+
+// 512 operations are all served; the 513th ends the poll thread.
+TEST_F(Zeroconf, Serves512OperationsAndNoMore) {
+    std::vector<boost::shared_ptr<zeroconf::hostname_browser>> open;
+    for (int i = 0; i < 513; ++i) {
+        if (i == 512) {
+            fake().address_answer("h511", kAdd, 5, 0, "h511", 0, nullptr);
+            EXPECT_EQ(settled(1), Lines{"host 5 h511 "});
+            EXPECT_EQ(log.count("fdset too small"), 0u);
+        }
+        open.push_back(client->create_hostname_browser("h" + std::to_string(i), listener));
+    }
+    EXPECT_TRUE(log.wait("fdset too small\n"));
+    EXPECT_TRUE(eventually([&] { return threads() == 1; }));
+}
+
+// Operations made and dropped on another thread while the poll thread dispatches: nothing is
+// freed under a dispatch (ThreadSanitizer would report it) and nothing is left open.
+TEST_F(Zeroconf, OperationsComeAndGoWhileThePollThreadDispatches) {
+    browse();
+    std::atomic<bool> stop{false};
+    std::thread churn([&] {
+        while (!stop) {
+            auto b = client->create_browser("", "_churn._tcp", "", listener, false);
+            auto s = client->create_service("churn", "_http._tcp", 80, {}, {}, [](int) {});
+            fake().browse_event("_churn._tcp", 0, 5, 0, "x", "_churn._tcp.", "local.");
+            fake().register_answer("churn", 0, 0, "churn", "_http._tcp.", "local.");
+        }
+    });
+    for (int i = 0; i < 300; ++i)
+        announce("_velmor_a", 0);
+    EXPECT_EQ(settled(300).size() >= 300, true);
+    stop = true;
+    churn.join();
+}
+
+// TXT records: length-prefixed entries, empty ones left out, an entry over 127 bytes or a record
+// over 32767 bytes giving an empty record; parsing keeps empty entries and refuses a record
+// whose length byte runs past its end.
+TEST(TxtRecord, EncodingAndParsing) {
+    Lines full(255, std::string(127, 'x'));
+    full.push_back(std::string(126, 'y'));  // 32,767 bytes encoded
+    const std::pair<Lines, std::string> encoded[] = {{{"abc", "", "de"}, "\3abc\2de"},
+                                                     {{}, ""},
+                                                     {{std::string(127, 'x')}, "\177" + full[0]},
+                                                     {{std::string(128, 'x')}, ""}};
+    for (const auto& [entries, bytes] : encoded) {
+        zeroconf::dns_txt_records record(entries);
+        EXPECT_EQ(std::string((const char*)record.data(), record.length()), bytes);
+    }
+    EXPECT_EQ(zeroconf::dns_txt_records(full).length(), 32767);
+    full.back() += 'y';
+    EXPECT_EQ(zeroconf::dns_txt_records(full).data(), nullptr);
+    const std::tuple<std::string, bool, Lines> parsed[] = {
+        {"\3abc\3def", true, {"abc", "def"}},
+        {std::string(1, '\0'), true, {""}},
+        {std::string("\3abc\0", 5), true, {"abc", ""}},
+        {"", true, {}},
+        {"\3abc\3de", false, {}},
+        {"\1", false, {}}};
+    for (const auto& [bytes, ok, expected] : parsed) {
+        Lines entries{"stale"};
+        Log log;
+        auto data = (const unsigned char*)bytes.data();
+        EXPECT_EQ(zeroconf::parse_txt_record(bytes.size(), data, entries), ok);
+        EXPECT_EQ(entries, expected);
+        EXPECT_EQ(log.count("Invalid TXT Record\n"), ok ? 0u : 1u);
+    }
+}
+
+// Instance names end at the first unescaped dot; "\." "\\" and "\DDD" are undone.
+TEST(InstanceName, CutAndUnescaped) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"a.b._http._tcp.", "a"}, {"a\\.b._http", "a.b"},
+        {"a\\\\.b", "a\\"},       {"a\\\\\\.b.c", "a\\.b"},
+        {"a\\032b.c", "a b"},     {"a\\03.c", "a\\03"},
+        {"a\\x32.c", "a\\x32"},   {"abc", nullptr},
+        {"a\\.", nullptr},        {"", nullptr}};
+    for (const auto& [full, name] : rows) {
+        if (name)
+            EXPECT_EQ(zeroconf::unescape_instance_name(zeroconf::instance_part(full)), name);
+        else
+            EXPECT_THROW(zeroconf::instance_part(full), std::runtime_error) << full;
+    }
+}
+
+}  // namespace
