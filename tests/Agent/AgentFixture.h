@@ -1,8 +1,10 @@
 #pragma once
-// An agent on a configuration in a temporary folder, with fast waits and its log collected.
+// An agent on a configuration in a temporary folder, with fast waits, its log and listener
+// calls collected as text.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -12,22 +14,18 @@
 #include "AppConfig.h"
 #include "Log.h"
 #include "TestSupport.h"
+#include "network/AgentOnHost.h"
 
 namespace vlm::test {
 
-/// \brief Collects the log lines written while it lives.
-class LogCapture {
+/// \brief Lines in arrival order, from any thread, with a wait for one of them.
+class Recorder {
 public:
-    LogCapture() {
-        instance_ = this;
-        logHook = [](std::uint32_t, const char*, int, const char* message) {
-            std::lock_guard<std::mutex> lock(instance_->mutex_);
-            instance_->lines_.emplace_back(message);
-            instance_->changed_.notify_all();
-        };
+    void record(const std::string& line) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.push_back(line);
+        changed_.notify_all();
     }
-    ~LogCapture() { logHook = nullptr; }
-
     std::vector<std::string> lines() {
         std::lock_guard<std::mutex> lock(mutex_);
         return lines_;
@@ -44,40 +42,34 @@ public:
     }
 
 private:
-    static inline LogCapture* instance_ = nullptr;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::string> lines_;
 };
 
-/// \brief Records every listener call, in order, as text.
-class RecordingListener : public Agent::Listener {
+/// \brief The log lines written while it lives.
+class LogCapture : public Recorder {
+public:
+    LogCapture() {
+        instance_ = this;
+        logHook = [](std::uint32_t, const char*, int, const char* line) {
+            instance_->record(line);
+        };
+    }
+    ~LogCapture() { logHook = nullptr; }
+
+private:
+    static inline LogCapture* instance_ = nullptr;
+};
+
+/// \brief Every listener call, as "attached <server>", "engine died"...
+class RecordingListener : public Agent::Listener, public Recorder {
 public:
     void onAttached(const std::string& server) override { record("attached " + server); }
     void onDetached(const std::string& server) override { record("detached " + server); }
     void onNotification(const std::string& text) override { record("notification " + text); }
     void onEngineDied() override { record("engine died"); }
-
-    std::vector<std::string> calls() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return calls_;
-    }
-    bool waitFor(const std::string& call, std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] {
-            return std::find(calls_.begin(), calls_.end(), call) != calls_.end();
-        });
-    }
-
-private:
-    void record(const std::string& call) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        calls_.push_back(call);
-        changed_.notify_all();
-    }
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> calls_;
+    std::vector<std::string> calls() { return lines(); }
 };
 
 class AgentFixture : public ::testing::Test {
@@ -92,9 +84,8 @@ protected:
         writeFile(appData.file("config.json"), configText);
         config.load(appData.file("config.json").c_str());
         auto agent = std::make_unique<Agent>(config);
-        agent->timing.startupRound = std::chrono::milliseconds(20);
-        agent->timing.masterWait = std::chrono::milliseconds(50);
-        agent->timing.watcherInterval = std::chrono::milliseconds(100);
+        agent->timing = {std::chrono::milliseconds(20), std::chrono::milliseconds(50),
+                         std::chrono::milliseconds(100)};
         agent->addListener(&listener);
         return agent;
     }

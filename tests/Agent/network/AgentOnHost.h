@@ -1,16 +1,15 @@
 #pragma once
-// An agent (agent_host_tool) and engine servers (the engine-server role of VELMOR) on test
-// hosts, and the "@" reports the tool prints. Shared by the network tests and the benchmark.
+// The program's engine-server role and its agent role on test hosts, each with folders of its
+// own. Shared by the network tests.
 
 #include <sys/stat.h>
 
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,30 +32,6 @@ inline bool eventually(const std::function<bool()>& done,
     return true;
 }
 
-/// One "@" line of the tool: kind, steady-clock time, text.
-struct AgentEvent {
-    std::string kind;
-    std::chrono::steady_clock::time_point at;
-    std::string text;
-};
-
-inline std::vector<AgentEvent> agentEvents(const std::string& output) {
-    std::vector<AgentEvent> events;
-    std::istringstream in(output);
-    for (std::string line; std::getline(in, line);) {
-        if (line.size() < 2 || line[0] != '@')
-            continue;
-        std::istringstream fields(line.substr(1));
-        AgentEvent event;
-        long long ns = 0;
-        fields >> event.kind >> ns;
-        std::getline(fields >> std::ws, event.text);
-        event.at = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(ns));
-        events.push_back(event);
-    }
-    return events;
-}
-
 /// Folders of one program's configuration (APPDATA, common, runtime), removed with it.
 struct ProgramFolders {
     TempDir dir;
@@ -65,145 +40,58 @@ struct ProgramFolders {
             mkdir(dir.file(folder).c_str(), 0700);
     }
     std::string environment(int enginePort) const {
-        return "env -u VELMOR_DNSSD_LIBRARY APPDATA=" + shellQuote(dir.file("appdata")) +
+        return "env -u VELMOR_DNSSD_LIBRARY -u DISPLAY -u WAYLAND_DISPLAY APPDATA=" +
+               shellQuote(dir.file("appdata")) +
                " VELMOR_COMMON_APPDATA=" + shellQuote(dir.file("common")) +
                " XDG_RUNTIME_DIR=" + shellQuote(dir.file("runtime")) +
                " QT_QPA_PLATFORM=offscreen VELMOR_ENGINE_PORT=" + std::to_string(enginePort);
     }
 };
 
-/// \brief The engine-server role on a test host; its parent is a sleeper of the test.
-class EngineOnHost {
+/// \brief The program on a test host: the engine-server role (a sleeper of the test as its
+/// parent), or with mode >= 0 the agent role with that configured mode.
+class ProgramOnHost {
 public:
-    EngineOnHost(const TestNet& net, const std::string& host, int port, bool master) : port_(port) {
-        parent_ =
-            std::make_unique<Child>("/bin/sleep", std::vector<std::string>{"600"},
-                                    std::map<std::string, std::string>{}, folders_.dir.path());
-        process_ =
-            net.start(host, {"sh", "-c",
-                             "exec " + folders_.environment(port) + " " + shellQuote(velmorPath()) +
-                                 " --server 1 --apid " + std::to_string(parent_->pid()) +
-                                 (master ? " --master 1" : "")});
+    ProgramOnHost(const TestNet& net, const std::string& host, int port, int mode) {
+        std::string role = " --server 1 --apid ";
+        if (mode < 0) {
+            parent_ =
+                std::make_unique<Child>("/bin/sleep", std::vector<std::string>{"600"},
+                                        std::map<std::string, std::string>{}, folders_.dir.path());
+            role += std::to_string(parent_->pid()) + (mode == -2 ? " --master 1" : "");
+        } else {
+            const std::string config = folders_.dir.file("appdata/Corvane Technologies/velmor");
+            std::filesystem::create_directories(config);
+            writeFile(config + "/config.json", "{\"mode\": " + std::to_string(mode) + "}");
+            role.clear();
+        }
+        process_ = net.start(
+            host, {"sh", "-c",
+                   "exec " + folders_.environment(port) + " " + shellQuote(velmorPath()) + role});
     }
     std::string log() const { return withoutColours(process_->output()); }
-    bool announced(std::chrono::milliseconds timeout = std::chrono::seconds(15)) const {
-        return eventually(
-            [&] { return log().find("Engine: DNS-SD registered") != std::string::npos; }, timeout);
+    std::string errors() const { return process_->errors(); }
+    bool logHas(const std::string& line, std::chrono::milliseconds timeout = {}) const {
+        return eventually([&] { return log().find(line) != std::string::npos; }, timeout);
     }
-    /// Killed: the host's Avahi withdraws the service as soon as its client is gone.
-    void kill() {
-        process_->kill(SIGKILL);
+    bool announced() const { return logHas("Engine: DNS-SD registered", std::chrono::seconds(15)); }
+    void kill(int number = SIGKILL) {
+        process_->kill(number);
         process_->wait(std::chrono::seconds(5));
     }
-    int port() const { return port_; }
+    const TempDir& folder() const { return folders_.dir; }
+    bool running() const { return !process_->wait(std::chrono::milliseconds(0)).has_value(); }
 
 private:
-    int port_;
     ProgramFolders folders_;
     std::unique_ptr<Child> parent_;
     std::unique_ptr<Child> process_;
 };
 
-/// \brief agent_host_tool on a test host, with its configuration and reports.
-class AgentOnHost {
-public:
-    /// args: the tool's options after the configuration file.
-    AgentOnHost(const TestNet& net, const std::string& host, const std::string& configText,
-                const std::vector<std::string>& args, int enginePort = 18090) {
-        writeFile(folders_.dir.file("config.json"), configText);
-        std::string command = "exec " + folders_.environment(enginePort) + " " +
-                              shellQuote(buildDir() + "/agent_host_tool") + " " +
-                              shellQuote(folders_.dir.file("config.json"));
-        for (const std::string& arg : args)
-            command += " " + shellQuote(arg);
-        process_ = net.start(host, {"sh", "-c", command});
-    }
-    ~AgentOnHost() {
-        // The engine child outlives a killed agent by design; the test host must not.
-        const std::string pid = lastText("engine");
-        process_->kill(SIGKILL);
-        process_->wait(std::chrono::seconds(5));
-        if (!pid.empty() && pid != "0")
-            ::kill(std::stoi(pid), SIGKILL);
-    }
-
-    std::string log() const { return withoutColours(process_->output()); }
-    /// What a sanitizer build reported on standard error (the engine child's included), but
-    /// for the lock-order reports of libdbus inside Avahi's DNS-SD library: those locks are
-    /// taken by resolves started from a browse callback, all on the one poll thread.
-    std::string sanitizerReports() const {
-        const std::string separator = "==================\n";
-        const std::string errors = process_->errors();
-        std::string reports;
-        for (std::size_t at = errors.find("WARNING: "); at != std::string::npos;) {
-            std::size_t end = errors.find(separator, at);
-            std::string report = errors.substr(at, end == std::string::npos ? end : end - at);
-            at = end == std::string::npos ? end : errors.find("WARNING: ", end);
-            const std::size_t summary = report.find("SUMMARY:");
-            if (report.find("Sanitizer") == std::string::npos ||
-                (summary != std::string::npos &&
-                 report.find("libdbus-1.so", summary) != std::string::npos))
-                continue;
-            reports += report;
-        }
-        return reports;
-    }
-    std::vector<AgentEvent> events(const std::string& kind) const {
-        std::vector<AgentEvent> found;
-        // The log ends its colour after the newline, so the reports are read without colours.
-        for (const AgentEvent& event : agentEvents(log()))
-            if (event.kind == kind)
-                found.push_back(event);
-        return found;
-    }
-    std::string lastText(const std::string& kind) const {
-        auto found = events(kind);
-        return found.empty() ? std::string() : found.back().text;
-    }
-    /// The first event of kind with text (any text when empty), waited for.
-    std::optional<AgentEvent> waitFor(
-        const std::string& kind, const std::string& text = {},
-        std::chrono::milliseconds timeout = std::chrono::seconds(20)) const {
-        std::optional<AgentEvent> found;
-        eventually(
-            [&] {
-                for (const AgentEvent& event : events(kind))
-                    if (text.empty() || event.text == text) {
-                        found = event;
-                        return true;
-                    }
-                return !running();
-            },
-            timeout, std::chrono::milliseconds(2));
-        return found;
-    }
-    bool logHas(const std::string& line) const { return log().find(line) != std::string::npos; }
-    bool running() const { return !process_->wait(std::chrono::milliseconds(0)).has_value(); }
-    void signal(int number) { process_->kill(number); }
-
-private:
-    ProgramFolders folders_;
-    std::unique_ptr<Child> process_;
+/// \brief The engine-server role on a test host.
+struct EngineOnHost : ProgramOnHost {
+    EngineOnHost(const TestNet& net, const std::string& host, int port, bool master)
+        : ProgramOnHost(net, host, port, master ? -2 : -1) {}
 };
-
-/// agent_host_tool on this machine, with no DNS-SD and no browse or start-up: only its engine
-/// launches (SIGHUP asks for one). Its folders live in dir; the engine child serves on port.
-inline std::unique_ptr<Child> startLocalAgentTool(const TempDir& dir, unsigned short port) {
-    for (const char* folder : {"appdata", "common", "runtime", "out"})
-        mkdir(dir.file(folder).c_str(), 0700);
-    writeFile(dir.file("config.json"), "{}");
-    return std::make_unique<Child>(
-        buildDir() + "/agent_host_tool",
-        std::vector<std::string>{dir.file("config.json"), "--no-browse", "--no-startup", "--engine",
-                                 velmorPath()},
-        std::map<std::string, std::string>{
-            {"APPDATA", dir.file("appdata")},
-            {"VELMOR_COMMON_APPDATA", dir.file("common")},
-            {"XDG_RUNTIME_DIR", dir.file("runtime")},
-            {"QT_QPA_PLATFORM", "offscreen"},
-            {"VELMOR_DNSSD_LIBRARY", dir.file("no-dnssd/libvelmor_dnssd.so")},
-            {"VELMOR_ENGINE_PORT", std::to_string(port)}},
-        dir.file("out"));
-}
 
 }  // namespace vlm::test

@@ -1,0 +1,209 @@
+// The light/dark theme and the splash runner on real widgets, offscreen.
+
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QLabel>
+#include <QPointer>
+#include <QStyle>
+#include <QThread>
+#include <QTimer>
+#include <atomic>
+#include <thread>
+
+#include "theme/QCVSplashWindow.h"
+#include "theme/QCVTheme.h"
+#include "theme/linux/SystemAppearanceLinux.h"
+
+namespace {
+
+using vlm::QCVSplashWindow;
+using vlm::QCVTheme;
+
+/// \brief A desktop whose mode the test sets, recording title-bar calls.
+struct FakeAppearance : vlm::SystemAppearance {
+    bool isDark() override { return dark; }
+    void setDarkTitleBar(QWidget* window, bool isDark) override {
+        titleBars.emplace_back(window, isDark);
+    }
+    void watch(std::function<void()> callback) override { changed = std::move(callback); }
+    std::atomic<bool> dark{false};
+    std::vector<std::pair<QWidget*, bool>> titleBars;
+    std::function<void()> changed;
+};
+
+struct Told : QCVTheme::Listener {
+    void onThemeApplied(bool dark) override { modes.push_back(dark); }
+    std::vector<bool> modes;
+};
+
+// Faults: the mode decided wrongly (VELMOR_THEME, the 5G + 2R + B > 1024 rule on the desktop
+// palette's text); a palette, style sheet, title bar or link colour of the other mode; a
+// registered window's descendants left out; a destroyed window touched; a desktop change
+// applied on its own thread instead of the GUI thread.
+struct Mode {
+    const char* name;
+    const char* setting;  // VELMOR_THEME, or none
+    QColor foreground;
+    bool dark;
+};
+
+class LightDark : public ::testing::TestWithParam<Mode> {};
+
+TEST_P(LightDark, DecidedThenAppliedThroughout) {
+    const Mode& m = GetParam();
+    if (m.setting)
+        setenv("VELMOR_THEME", m.setting, 1);
+    QPalette desktop;
+    desktop.setColor(QPalette::WindowText, m.foreground);
+    EXPECT_EQ(vlm::makeLinuxAppearance(desktop)->isDark(), m.dark);
+    unsetenv("VELMOR_THEME");
+
+    auto owned = std::make_unique<FakeAppearance>();
+    FakeAppearance& appearance = *owned;
+    QCVTheme theme(std::move(owned));
+    Told told;
+    theme.addListener(&told);
+    QWidget window;
+    auto* label = new QLabel("<a href=\"x\">A</a>", new QWidget(&window));
+    auto gone = std::make_unique<QWidget>();
+    theme.registerWindow(&window);
+    theme.registerWindow(gone.get());
+    gone.reset();
+    appearance.dark = m.dark;
+    std::thread([&] { appearance.changed(); }).join();
+    EXPECT_TRUE(told.modes.empty());
+    QCoreApplication::processEvents();
+
+    EXPECT_EQ(told.modes, std::vector<bool>{m.dark});
+    const std::pair<QPalette::ColorRole, QColor> darkTable[] = {
+        {QPalette::Window, QColor(0, 0, 0)},
+        {QPalette::WindowText, Qt::white},
+        {QPalette::Base, QColor(25, 25, 25)},
+        {QPalette::AlternateBase, QColor(50, 50, 50)},
+        {QPalette::ToolTipBase, Qt::black},
+        {QPalette::ToolTipText, Qt::white},
+        {QPalette::Text, Qt::white},
+        {QPalette::Button, QColor(50, 50, 50)},
+        {QPalette::ButtonText, Qt::white},
+        {QPalette::BrightText, Qt::red},
+        {QPalette::Link, QColor(42, 130, 218)},
+        {QPalette::Highlight, QColor(42, 130, 218)},
+        {QPalette::HighlightedText, Qt::black}};
+    const QPalette standard = QApplication::style()->standardPalette();
+    for (const QPalette& palette : {QApplication::palette(), label->palette()})
+        for (auto group : {QPalette::Active, QPalette::Disabled})
+            for (const auto& [role, colour] : darkTable)
+                EXPECT_EQ(palette.color(group, role), m.dark ? colour : standard.color(group, role))
+                    << group << " " << role;
+    QFile sheet(":/cv_dark_theme");
+    ASSERT_TRUE(sheet.open(QIODevice::ReadOnly));
+    EXPECT_EQ(qApp->styleSheet(), m.dark ? QString::fromUtf8(sheet.readAll())
+                                         : QString("QPushButton QLineEdit QToolButton QComboBox "
+                                                   "QScrollBar QToolTip QMenu QMenuBar"));
+    EXPECT_EQ(appearance.titleBars, (std::vector<std::pair<QWidget*, bool>>{{&window, m.dark}}));
+    EXPECT_EQ(label->text(), QString("<a href=\"x\" style=\"color: rgb(%1);\">A</a>")
+                                 .arg(m.dark ? "42, 130, 218" : "0, 0, 255"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Modes, LightDark,
+    ::testing::Values(Mode{"SettingDark", "dark", Qt::black, true},
+                      Mode{"SettingLight", "light", Qt::white, false},
+                      Mode{"UnknownSettingFollowsDesktop", "purple", Qt::white, true},
+                      Mode{"At1024Light", nullptr, QColor(2, 204, 0), false},
+                      Mode{"At1025Dark", nullptr, QColor(2, 204, 1), true},
+                      Mode{"RedAndBlueLight", nullptr, QColor(255, 0, 255), false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Fault: a link coloured other than by the rule: only the last link of a label gets the
+// style, each application adds another, text without a complete link stays as it is.
+TEST(LinkRecolouring, Table) {
+    const QString a = "<a href=\"a\">A</a> and ", b = "<a href=\"b\">B</a>";
+    const QString dark = " style=\"color: rgb(42, 130, 218);\"",
+                  light = " style=\"color: rgb(0, 0, 255);\"";
+    const struct {
+        QString text;
+        bool dark;
+        QString expected;
+    } table[] = {
+        {a + b, true, a + "<a href=\"b\"" + dark + ">B</a>"},
+        {a + b, false, a + "<a href=\"b\"" + light + ">B</a>"},
+        {"<a href=\"b\"" + light + ">B</a>", true, "<a href=\"b\"" + light + dark + ">B</a>"},
+        {"plain text", true, "plain text"},
+        {"", true, ""},
+        {"open <a href=x", false, "open <a href=x"}};
+    auto owned = std::make_unique<FakeAppearance>();
+    FakeAppearance& appearance = *owned;
+    QCVTheme theme(std::move(owned));
+    for (const auto& row : table) {
+        appearance.dark = row.dark;
+        EXPECT_EQ(theme.recolourLinks(row.text), row.expected) << row.text.toStdString();
+        QLabel label(row.text);
+        theme.resetQLabelLink(&label);
+        EXPECT_EQ(label.text(), row.expected);
+    }
+    theme.resetQLabelLink(nullptr);
+}
+
+// Faults: the routine run on the GUI thread; texts set from the worker thread; the window not
+// frameless, modal, scaled, titled; the result lost; the window closed by Escape under the
+// running routine, or never released.
+TEST(SplashRunner, RunsTheRoutineBesideAModalSplash) {
+    QPointer<QCVSplashWindow::Instance> window;
+    std::vector<QString> seen;
+    const int result = QCVSplashWindow::run(
+        nullptr, QSize(601, 250), nullptr, "Version 2",
+        [&](QCVSplashWindow::IWindow* splash) {
+            splash->showMessage("first");
+            const bool onWorker = QThread::currentThread() != qApp->thread();
+            QMetaObject::invokeMethod(
+                qApp,
+                [&] {
+                    window = dynamic_cast<QCVSplashWindow::Instance*>(splash);
+                    window->reject();
+                    seen = {
+                        window->firstLine(), window->secondLine(),
+                        QString("%1x%2").arg(window->width()).arg(window->height()),
+                        QString::number(window->isModal() && window->isVisible() && onWorker &&
+                                        window->windowFlags().testFlag(Qt::FramelessWindowHint))};
+                },
+                Qt::BlockingQueuedConnection);
+            return 42;
+        },
+        1.25f);
+    EXPECT_EQ(result, 42);
+    // 601 x 1.25 = 751.25 and 250 x 1.25 = 312.5, truncated.
+    EXPECT_EQ(seen, (std::vector<QString>{"first", "Version 2", "751x312", "1"}));
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_TRUE(window.isNull());
+}
+
+// Faults: "&Quit" during start-up lost (the application then runs on), or carried out while
+// the routine still reports to a window already released.
+TEST(SplashRunner, QuitDuringStartupEndsTheApplicationOnceStartupHasEnded) {
+    std::atomic<bool> done{false};
+    QTimer::singleShot(20, qApp, &QCoreApplication::quit);
+    QCVSplashWindow::run(
+        nullptr, QSize(600, 250), nullptr, "title",
+        [&](QCVSplashWindow::IWindow* splash) {
+            QThread::msleep(300);
+            splash->showMessage("still starting");
+            QThread::msleep(50);
+            done = true;
+            return 0;
+        },
+        1.0f);
+    EXPECT_TRUE(done);
+    QElapsedTimer ended;
+    ended.start();
+    QTimer stuck;
+    QObject::connect(&stuck, &QTimer::timeout, [] { QCoreApplication::exit(1); });
+    stuck.start(5000);
+    EXPECT_EQ(QCoreApplication::exec(), 0);
+    EXPECT_LT(ended.elapsed(), 1000);
+}
+
+}  // namespace
