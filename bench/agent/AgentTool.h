@@ -5,7 +5,7 @@
 #include <optional>
 #include <sstream>
 
-#include "AgentOnHost.h"
+#include "ProgramsOnHost.h"
 
 namespace vlm::test {
 
