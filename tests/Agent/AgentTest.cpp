@@ -1,5 +1,5 @@
 // The agent's rules with the zeroconf library and the splash left out: start-up by mode,
-// attachment, the engine child's supervision, the endpoint probe, the configuration setters.
+// attachment, the engine child's supervision, the endpoint probe.
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -65,28 +65,25 @@ TEST_P(Startup, ShowsLogsLaunchesAndEndsAtItsRound) {
     EXPECT_EQ(rounds, c.rounds);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    ModeAndServerRound, Startup,
-    ::testing::ValuesIn(std::vector<StartupCase>{
-        {0, -1, 0, {}},
-        {3, 0, 0, {}},
-        {1,
-         -1,
-         1,
-         {"show Master: Creating VELMOR local server in the network...",
-          "Starting VELMOR Engine process as agent mode has been set to \"Master\"\n", kStarted}},
-        {2, -1, 4, {kLook, kSlave, kNone, kTold}},
-        {2, 0, 5, {kLook, kSlave, kCon, kCon, kCon, kCon, kCon}},
-        {2, 3, 5, {kLook, kSlave, kCon, kCon}},
-        {2, 4, 4, {kLook, kSlave, kNone, kTold}},
-        {4, -1, 16, {kLook, kHybrid, kNone, kAsHybrid, kLocal, kStarted}},
-        {4, 2, 5, {kLook, kHybrid, kCon, kCon, kCon}},
-        {4, 6, 7, {kLook, kHybrid, kNone, kAsHybrid, kLocal, kStarted, kCon}},
-        {4, 15, 16, {kLook, kHybrid, kNone, kAsHybrid, kLocal, kStarted, kCon}}}),
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(ModeAndServerRound, Startup, ::testing::ValuesIn(std::vector<StartupCase>{
+    {0, -1, 0, {}},
+    {3, 0, 0, {}},
+    {1, -1, 1, {"show Master: Creating VELMOR local server in the network...",
+                "Starting VELMOR Engine process as agent mode has been set to \"Master\"\n", kStarted}},
+    {2, -1, 4, {kLook, kSlave, kNone, kTold}},
+    {2, 0, 5, {kLook, kSlave, kCon, kCon, kCon, kCon, kCon}},
+    {2, 3, 5, {kLook, kSlave, kCon, kCon}},
+    {2, 4, 4, {kLook, kSlave, kNone, kTold}},
+    {4, -1, 16, {kLook, kHybrid, kNone, kAsHybrid, kLocal, kStarted}},
+    {4, 2, 5, {kLook, kHybrid, kCon, kCon, kCon}},
+    {4, 6, 7, {kLook, kHybrid, kNone, kAsHybrid, kLocal, kStarted, kCon}},
+    {4, 15, 16, {kLook, kHybrid, kNone, kAsHybrid, kLocal, kStarted, kCon}}}),
     [](const auto& info) {
-        return "Mode" + std::to_string(info.param.mode) + "Round" +
-               std::to_string(info.param.serverRound + 1);
+        const int round = info.param.serverRound;
+        return "Mode" + std::to_string(info.param.mode) + (round < 0 ? "Never" : "Round" + std::to_string(round));
     });
+// clang-format on
 
 // Announcements in ("+name address port txt...", "-name", "=address..." for the addresses
 // this host holds now, the probe having said 10.0.0.1); log lines and listener calls out, as

@@ -66,25 +66,6 @@ protected:
     std::unique_ptr<vlm::Agent> agent;
 };
 
-// Fault: a TXT record read wrongly off the wire: an entry claiming more bytes than the record
-// holds, or a prefix in other case, made a master; a real "master:" entry after another missed.
-TEST_F(AgentZeroconf, MasterEntryReadOffTheWire) {
-    const Server servers[] = {{"_velmor_0", "10.0.0.9", ""},
-                              {"_velmor_a", "10.0.0.2", std::string("\x01x\x20master:1", 11)},
-                              {"_velmor_b", "10.0.0.3", "\x08MASTER:1\x06master\x00"},
-                              {"_velmor_c", "10.0.0.4", "\x09txtvers=1\x0amaster:yes"},
-                              {"_velmor_d", "10.0.0.5", ""}};
-    for (const Server& s : servers) {
-        browse(s);
-        resolve(s);
-        ASSERT_TRUE(fake().wait_idle(kWaitMs));
-    }
-    withdraw(servers[0]);
-    EXPECT_EQ(listener.calls(),
-              (Texts{"attached " + servers[0].endpoint(), "attached " + servers[1].endpoint(),
-                     "attached " + servers[3].endpoint()}));
-}
-
 // Fault: the agent attaches to a server that has already left, because its resolve began
 // before the withdrawal. Enabled once the library drops such answers.
 TEST_F(AgentZeroconf, DISABLED_ServerWithdrawnDuringItsResolveIsNeverAttached) {
@@ -99,14 +80,20 @@ TEST_F(AgentZeroconf, DISABLED_ServerWithdrawnDuringItsResolveIsNeverAttached) {
 }
 
 // Faults: lost or doubled answers with 200 resolves open at once on the poll thread; a wrong
-// take-over order when the attached one goes; an attachment left after every server went.
+// take-over order when the attached one goes; a TXT record read wrongly off the wire (an
+// entry claiming more bytes than the record holds, or a prefix in other case, made a master; a
+// "master:" entry after another missed); an attachment left after every server went.
 TEST_F(AgentZeroconf, FloodOfServersKeepsOneAttachment) {
     std::vector<Server> servers;
+    const std::string txt[] = {"", "", std::string("\x01x\x20master:1", 11),
+                               "\x08MASTER:1\x06master", "\x09txtvers=1\x0amaster:yes"};
     for (int i = 0; i < 200; ++i) {
         char name[16];
         std::snprintf(name, sizeof name, "_velmor_%03d", i);
-        servers.push_back(
-            {name, "10.1.0." + std::to_string(1 + i), i % 50 == 7 ? "\x08master:1" : ""});
+        servers.push_back({name, "10.1.0." + std::to_string(1 + i),
+                           i < 5         ? txt[i]
+                           : i % 50 == 7 ? "\x08master:1"
+                                         : ""});
     }
     LogCapture log;
     for (const Server& s : servers)
@@ -121,7 +108,7 @@ TEST_F(AgentZeroconf, FloodOfServersKeepsOneAttachment) {
     EXPECT_EQ(ignored, 199);
     withdraw(servers[0]);
     Texts expected{"attached " + servers[0].endpoint()};
-    for (int i : {1, 7, 57, 107, 157})
+    for (int i : {1, 4, 7, 57, 107, 157})
         expected.push_back("attached " + servers[i].endpoint());
     EXPECT_EQ(listener.calls(), expected);
     for (int i = 199; i >= 1; --i)

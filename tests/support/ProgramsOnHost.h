@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -79,7 +80,18 @@ public:
         process_->kill(number);
         process_->wait(std::chrono::seconds(5));
     }
-    const TempDir& folder() const { return folders_.dir; }
+    /// The engine-server processes started with this program's folders (its engine children).
+    std::vector<pid_t> engineChildren() const {
+        std::vector<pid_t> found;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+            std::string text = readFile(entry.path() / "cmdline");
+            std::replace(text.begin(), text.end(), '\0', ' ');
+            if (text.find("--server 1") != std::string::npos &&
+                readFile(entry.path() / "environ").find(folders_.dir.path()) != std::string::npos)
+                found.push_back(std::stoi(entry.path().filename()));
+        }
+        return found;
+    }
     bool running() const { return !process_->wait(std::chrono::milliseconds(0)).has_value(); }
 
 private:

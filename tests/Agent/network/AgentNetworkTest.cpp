@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "AgentOnHost.h"
 
 namespace {
@@ -13,19 +11,6 @@ using namespace std::chrono_literals;
 using vlm::test::EngineOnHost;
 using vlm::test::ProgramOnHost;
 using vlm::test::TestNet;
-
-// The engine-server processes started with this environment word (a folder of the test).
-std::vector<pid_t> enginesWith(const std::string& word) {
-    std::vector<pid_t> found;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        std::string text = vlm::test::readFile(entry.path() / "cmdline");
-        std::replace(text.begin(), text.end(), '\0', ' ');
-        if (text.find("--server 1") != std::string::npos &&
-            vlm::test::readFile(entry.path() / "environ").find(word) != std::string::npos)
-            found.push_back(std::stoi(entry.path().filename()));
-    }
-    return found;
-}
 
 class AgentNetwork : public ::testing::Test {
 protected:
@@ -59,7 +44,7 @@ TEST_F(AgentNetwork, MasterAttachesToItsOwnEngineAndQuitsCleanly) {
         agent.logHas("Ignored VELMOR at " + endpoint("a", 18082) + " because we are the master\n"))
         << agent.log();
     foreign.reset();
-    const std::vector<pid_t> engines = enginesWith(agent.folder().path());
+    const std::vector<pid_t> engines = agent.engineChildren();
     EXPECT_EQ(engines.size(), 1u);
     for (pid_t pid : engines)
         if (pid > 0)
