@@ -1,7 +1,6 @@
 #include "ServerControl.h"
 
 #include <curl/curl.h>
-
 #include <future>
 
 #include "Agent/AgentFixture.h"
@@ -17,12 +16,9 @@ namespace asio = boost::asio;
 // The body of a request whose head the server has read, the rest read from the socket.
 std::string bodyOf(Server::Socket& socket, const std::string& request) {
     std::string body = request.substr(request.find("\r\n\r\n") + 4);
-    const std::size_t length = std::stoul(request.substr(request.find("Content-Length: ") + 16));
-    if (body.size() < length) {
-        std::string rest(length - body.size(), '\0');
-        asio::read(socket, asio::buffer(rest));
-        body += rest;
-    }
+    const std::size_t had = body.size();
+    body.resize(std::stoul(request.substr(request.find("Content-Length: ") + 16)));
+    asio::read(socket, asio::buffer(&body[had], body.size() - had));
     return body;
 }
 

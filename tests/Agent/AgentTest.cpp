@@ -38,7 +38,6 @@ struct StartupCase {
     int rounds;       // rounds waited until the sequence ended
     Texts trace;
 };
-
 class Startup : public AgentFixture, public ::testing::WithParamInterface<StartupCase> {};
 
 TEST_P(Startup, ShowsLogsLaunchesAndEndsAtItsRound) {
@@ -95,18 +94,13 @@ struct AttachCase {
     Texts steps;
     Texts trace;
 };
-
 class Attachment : public AgentFixture, public ::testing::WithParamInterface<AttachCase> {};
 
 TEST_P(Attachment, FollowsTheRules) {
     const AttachCase& c = GetParam();
     auto agent = makeAgent("{\"mode\": " + std::to_string(c.mode) + "}");
     Texts hostAddresses, expected;
-    std::mutex addressesMutex;
-    vlm::Agent::BrowserListener browser(*agent, "10.0.0.1", [&] {
-        std::lock_guard<std::mutex> lock(addressesMutex);
-        return hostAddresses;
-    });
+    vlm::Agent::BrowserListener browser(*agent, "10.0.0.1", [&] { return hostAddresses; });
     vlm::test::LogCapture trace;
     listener.also = &trace;
     for (const std::string& step : c.steps) {
@@ -114,7 +108,6 @@ TEST_P(Attachment, FollowsTheRules) {
         std::string name, address, entry;
         int port = 0;
         if (step[0] == '=') {
-            std::lock_guard<std::mutex> lock(addressesMutex);
             for (hostAddresses.clear(); words >> address;)
                 hostAddresses.push_back(address);
         } else if (words >> name >> address >> port; step[0] == '-') {
@@ -127,6 +120,7 @@ TEST_P(Attachment, FollowsTheRules) {
                         static_cast<std::uint16_t>(port), txt);
         }
     }
+    const std::string kBusy = " because it is not the master and we are already attached\n";
     for (const std::string& line : c.trace) {
         const std::string at = line.substr(2);
         if (line[0] == 'A')
@@ -135,9 +129,7 @@ TEST_P(Attachment, FollowsTheRules) {
             expected.insert(expected.end(), {"Detached from " + at + "\n", "detached " + at});
         else
             expected.push_back("Ignored VELMOR at " + at +
-                               (line[0] == 'M' ? " because we are the master\n"
-                                               : " because it is not the master and we are "
-                                                 "already attached\n"));
+                               (line[0] == 'M' ? " because we are the master\n" : kBusy));
     }
     EXPECT_EQ(trace.lines(), expected);
 }
@@ -229,13 +221,13 @@ TEST_F(AgentFixture, EngineLifecycle) {
 // Faults: a configured address ignored or probed over; a loopback answer taken as this
 // machine's address (Debian puts the host name on 127.0.1.1).
 TEST(EndpointProbe, ConfiguredThenRoutedNeverLoopbackByName) {
-    vlm::json::Document configured, none;
-    vlm::json::parseString(configured, R"({"server": {"ip": "192.168.10.5"}})");
-    vlm::json::parseString(none, R"({"server": {"ip": ""}})");
-    EXPECT_EQ(vlm::probeLocalAddress(&configured), "192.168.10.5");
-    EXPECT_EQ(vlm::probeLocalAddress(&none, "127.0.0.2"), "127.0.0.1");
+    vlm::json::Document config;
+    vlm::json::parseString(config, R"({"server": {"ip": "192.168.10.5"}})");
+    EXPECT_EQ(vlm::probeLocalAddress(&config), "192.168.10.5");
+    config["server"]["ip"].SetString("");
+    EXPECT_EQ(vlm::probeLocalAddress(&config, "127.0.0.2"), "127.0.0.1");
     for (const char* unroutable : {"255.255.255.255", "not an address"})
-        EXPECT_NE(vlm::probeLocalAddress(&none, unroutable).rfind("127.", 0), 0u) << unroutable;
+        EXPECT_NE(vlm::probeLocalAddress(&config, unroutable).rfind("127.", 0), 0u) << unroutable;
 }
 
 }  // namespace

@@ -23,9 +23,7 @@ using vlm::QCVTheme;
 /// \brief A desktop whose mode the test sets; it records title-bar calls and what it is told.
 struct FakeAppearance : vlm::SystemAppearance, QCVTheme::Listener {
     bool isDark() override { return dark; }
-    void setDarkTitleBar(QWidget* window, bool isDark) override {
-        titleBars.emplace_back(window, isDark);
-    }
+    void setDarkTitleBar(QWidget* w, bool d) override { titleBars.emplace_back(w, d); }
     void watch(std::function<void()> callback) override { changed = std::move(callback); }
     void onThemeApplied(bool isDark) override { told.push_back(isDark); }
     std::atomic<bool> dark{false};
@@ -39,8 +37,7 @@ struct FakeAppearance : vlm::SystemAppearance, QCVTheme::Listener {
 // registered window's descendants left out; a destroyed window touched; a desktop change
 // applied on its own thread instead of the GUI thread.
 struct Mode {
-    const char* name;
-    const char* setting;  // VELMOR_THEME, or none
+    const char *name, *setting;  // setting: VELMOR_THEME, or none
     QColor foreground;
     bool dark;
 };
@@ -56,21 +53,18 @@ TEST_P(LightDark, DecidedThenAppliedThroughout) {
     desktop.setColor(QPalette::WindowText, m.foreground);
     EXPECT_EQ(vlm::makeLinuxAppearance(desktop)->isDark(), m.dark);
     unsetenv("VELMOR_THEME");
-
     auto* appearance = new FakeAppearance;
     QCVTheme theme{std::unique_ptr<FakeAppearance>(appearance)};
     theme.addListener(appearance);
     QWidget window;
     auto* label = new QLabel("<a href=\"x\">A</a>", new QWidget(&window));
-    auto gone = std::make_unique<QWidget>();
     theme.registerWindow(&window);
-    theme.registerWindow(gone.get());
-    gone.reset();
+    theme.registerWindow(new QWidget);
+    delete theme.registeredWindows().back();
     appearance->dark = m.dark;
     std::thread([&] { appearance->changed(); }).join();
     EXPECT_TRUE(appearance->told.empty());
     QCoreApplication::processEvents();
-
     EXPECT_EQ(appearance->told, std::vector<bool>{m.dark});
     // clang-format off
     const std::pair<QPalette::ColorRole, QColor> darkTable[] = {
@@ -130,30 +124,27 @@ TEST(LinkRecolouring, Table) {
 // running routine, or never released.
 TEST(SplashRunner, RunsTheRoutineBesideAModalSplash) {
     QPointer<QCVSplashWindow::Instance> window;
-    std::vector<QString> seen;
-    const int result = QCVSplashWindow::run(
-        nullptr, QSize(601, 250), nullptr, "Version 2",
-        [&](QCVSplashWindow::IWindow* splash) {
-            splash->showMessage("first");
-            const bool onWorker = QThread::currentThread() != qApp->thread();
-            QMetaObject::invokeMethod(
-                qApp,
-                [&] {
-                    window = dynamic_cast<QCVSplashWindow::Instance*>(splash);
-                    window->reject();
-                    seen = {
-                        window->firstLine(), window->secondLine(),
-                        QString("%1x%2").arg(window->width()).arg(window->height()),
-                        QString::number(window->isModal() && window->isVisible() && onWorker &&
-                                        window->windowFlags().testFlag(Qt::FramelessWindowHint))};
-                },
-                Qt::BlockingQueuedConnection);
-            return 42;
-        },
-        1.25f);
-    EXPECT_EQ(result, 42);
+    QStringList seen;
+    auto routine = [&](QCVSplashWindow::IWindow* splash) {
+        splash->showMessage("first");
+        seen << QString::number(QThread::currentThread() != qApp->thread());
+        QMetaObject::invokeMethod(
+            qApp,
+            [&] {
+                window = dynamic_cast<QCVSplashWindow::Instance*>(splash);
+                window->reject();
+                seen << window->firstLine() << window->secondLine()
+                     << QString("%1x%2").arg(window->width()).arg(window->height())
+                     << QString::number(window->isModal() && window->isVisible() &&
+                                        window->windowFlags().testFlag(Qt::FramelessWindowHint));
+            },
+            Qt::BlockingQueuedConnection);
+        return 42;
+    };
+    seen << QString::number(
+        QCVSplashWindow::run(nullptr, QSize(601, 250), nullptr, "Version 2", routine, 1.25f));
     // 601 x 1.25 = 751.25 and 250 x 1.25 = 312.5, truncated.
-    EXPECT_EQ(seen, (std::vector<QString>{"first", "Version 2", "751x312", "1"}));
+    EXPECT_EQ(seen, QStringList({"1", "first", "Version 2", "751x312", "1", "42"}));
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     EXPECT_TRUE(window.isNull());
 }

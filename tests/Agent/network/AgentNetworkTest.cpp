@@ -10,12 +10,11 @@ namespace {
 using namespace std::chrono_literals;
 using vlm::test::EngineOnHost;
 using vlm::test::ProgramOnHost;
-using vlm::test::TestNet;
 
 class AgentNetwork : public ::testing::Test {
 protected:
     void SetUp() override {
-        net = std::make_unique<TestNet>(std::vector<std::string>{"a", "b"});
+        net = std::make_unique<vlm::test::TestNet>(std::vector<std::string>{"a", "b"});
         ASSERT_TRUE(net->ok()) << net->error();
         for (const char* host : {"a", "b"}) {
             const std::string hosts = folder.file(std::string("hosts.") + host);
@@ -29,7 +28,7 @@ protected:
     }
 
     vlm::test::TempDir folder;
-    std::unique_ptr<TestNet> net;
+    std::unique_ptr<vlm::test::TestNet> net;
 };
 
 // Faults: the probe answering 127.0.1.1 (or 0.0.0.0) on a network without a default route,
@@ -63,7 +62,6 @@ TEST_F(AgentNetwork, MasterStartedWithoutAnAddressAttachesOnceItHasOne) {
     ASSERT_EQ(net->run("b", "ip -4 addr flush dev eth0"), 0);
     ProgramOnHost agent(*net, "b", 18085, 1);
     ASSERT_TRUE(agent.logHas("Engine process has started\n", 15s)) << agent.log();
-    std::this_thread::sleep_for(1s);
     ASSERT_EQ(net->run("b", "ip addr add " + net->address("b") + "/24 dev eth0"), 0);
     EXPECT_TRUE(agent.logHas("Attached to " + endpoint("b", 18085) + "\n", 30s)) << agent.log();
     agent.kill(SIGTERM);
