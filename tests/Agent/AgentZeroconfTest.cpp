@@ -41,24 +41,25 @@ protected:
         ASSERT_EQ(
             fake().browse_event(kRegtype, flags, 2, 0, s.name.c_str(), "_http._tcp.", "local."), 0);
     }
-    void resolve(const Server& s) {
-        ASSERT_TRUE(fake().wait_open("DNSServiceResolve", s.name.c_str(), kWaitMs)) << s.name;
+    // Not strict: the library may have stopped listening, and the answers go nowhere.
+    void resolve(const Server& s, bool strict = true) {
         const std::string host = s.name + ".local.", fullname = s.name + "._http._tcp.local.";
-        ASSERT_EQ(fake().resolve_answer(s.name.c_str(), 2, 2, 0, fullname.c_str(), host.c_str(),
-                                        htons(8080), static_cast<std::uint16_t>(s.txt.size()),
-                                        reinterpret_cast<const unsigned char*>(s.txt.data())),
-                  0);
-        ASSERT_TRUE(fake().wait_open("DNSServiceQueryRecord", host.c_str(), kWaitMs));
         in_addr address{};
         inet_pton(AF_INET, s.address.c_str(), &address);
-        ASSERT_EQ(fake().query_answer(host.c_str(), 2, 2, 0, host.c_str(), 1, 1, 4, &address, 120),
-                  0);
+        const int wait = strict ? kWaitMs : 500;
+        const bool answered =
+            fake().wait_open("DNSServiceResolve", s.name.c_str(), wait) &&
+            fake().resolve_answer(s.name.c_str(), 2, 2, 0, fullname.c_str(), host.c_str(),
+                                  htons(8080), static_cast<std::uint16_t>(s.txt.size()),
+                                  reinterpret_cast<const unsigned char*>(s.txt.data())) == 0 &&
+            fake().wait_open("DNSServiceQueryRecord", host.c_str(), wait) &&
+            fake().query_answer(host.c_str(), 2, 2, 0, host.c_str(), 1, 1, 4, &address, 120) == 0;
+        ASSERT_TRUE(answered || !strict) << s.name;
     }
     void withdraw(const Server& s) {
         browse(s, 0);
         ASSERT_TRUE(fake().wait_idle(kWaitMs));
     }
-
     std::unique_ptr<vlm::Agent> agent;
 };
 
@@ -69,7 +70,7 @@ TEST_F(AgentZeroconf, DISABLED_ServerWithdrawnDuringItsResolveIsNeverAttached) {
     browse(a);
     ASSERT_TRUE(fake().wait_open("DNSServiceResolve", "_velmor_a", kWaitMs));
     withdraw(a);
-    resolve(a);
+    resolve(a, false);
     ASSERT_TRUE(fake().wait_idle(kWaitMs));
     EXPECT_EQ(agent->attachedEndpoint(), "");
     EXPECT_EQ(listener.calls(), Texts{});

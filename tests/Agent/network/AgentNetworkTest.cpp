@@ -26,7 +26,6 @@ protected:
     std::string endpoint(const std::string& host, int port) {
         return net->address(host) + ":" + std::to_string(port);
     }
-
     vlm::test::TempDir folder;
     std::unique_ptr<vlm::test::TestNet> net;
 };
