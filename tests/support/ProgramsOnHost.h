@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -76,6 +77,13 @@ public:
         return eventually([&] { return log().find(line) != std::string::npos; }, timeout);
     }
     bool announced() const { return logHas("Engine: DNS-SD registered", std::chrono::seconds(15)); }
+    /// Ends the agent as a logout does (SIGTERM), once its splash has closed (a Master agent's
+    /// lasts 4 s); the exit status, 0 for a clean quit.
+    std::optional<int> quit(std::chrono::seconds splash = std::chrono::seconds(5)) {
+        std::this_thread::sleep_until(started_ + splash);
+        process_->kill(SIGTERM);
+        return process_->wait(std::chrono::seconds(10));
+    }
     void kill(int number = SIGKILL) {
         process_->kill(number);
         process_->wait(std::chrono::seconds(5));
@@ -95,6 +103,7 @@ public:
     bool running() const { return !process_->wait(std::chrono::milliseconds(0)).has_value(); }
 
 private:
+    std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     ProgramFolders folders_;
     std::unique_ptr<Child> parent_;
     std::unique_ptr<Child> process_;
