@@ -42,6 +42,8 @@ class Startup : public AgentFixture, public ::testing::WithParamInterface<Startu
 
 TEST_P(Startup, ShowsLogsLaunchesAndEndsAtItsRound) {
     const StartupCase& c = GetParam();
+    vlm::test::LogCapture trace;  // outlives the agent, whose engine watcher reports to it
+    listener.also = &trace;
     // Absent means Hybrid, null means none.
     auto agent = makeAgent(c.mode == 4   ? "{}"
                            : c.mode == 0 ? R"({"mode": null})"
@@ -54,8 +56,6 @@ TEST_P(Startup, ShowsLogsLaunchesAndEndsAtItsRound) {
             agent->attachedServer = "10.0.0.5:80";
         }
     };
-    vlm::test::LogCapture trace;
-    listener.also = &trace;
     agent->runStartup([&](const QString& text) { trace.record("show " + text.toStdString()); });
     Texts lines = trace.lines();
     lines.erase(std::remove(lines.begin(), lines.end(), kDied), lines.end());
