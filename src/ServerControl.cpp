@@ -11,6 +11,10 @@ namespace vlm {
 
 namespace {
 constexpr long kMaxRedirects = 50;
+// A server host that vanished without closing its connections must not hold the caller (the
+// GUI thread) for TCP's own minutes.
+constexpr long kConnectTimeoutMs = 3000;
+constexpr long kRequestTimeoutMs = 10000;
 
 std::size_t appendReceived(char* data, std::size_t size, std::size_t count, void* target) {
     static_cast<std::string*>(target)->append(data, size * count);
@@ -60,6 +64,10 @@ std::unique_ptr<ServerResponse> httpPost(const char* tag, const std::string& url
     curl_easy_setopt(curl.get(), CURLOPT_USERAGENT, curl_version());
     curl_easy_setopt(curl.get(), CURLOPT_MAXREDIRS, kMaxRedirects);
     curl_easy_setopt(curl.get(), CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(curl.get(), CURLOPT_CONNECTTIMEOUT_MS, kConnectTimeoutMs);
+    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, kRequestTimeoutMs);
+    // Time-outs by signal would reach whatever thread Qt or the zeroconf client runs.
+    curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, appendReceived);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &response->body);
     curl_easy_setopt(curl.get(), CURLOPT_HEADERDATA, &response->headers);

@@ -6,6 +6,7 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+#include <algorithm>
 #include <boost/make_shared.hpp>
 
 #include "Agent/BrowserListener.h"
@@ -63,6 +64,16 @@ Agent::~Agent() {
         engineWatcher->join();
 }
 
+void Agent::addListener(Listener* listener) {
+    std::lock_guard<std::mutex> lock(listenersMutex_);
+    listeners.push_back(listener);
+}
+
+void Agent::removeListener(Listener* listener) {
+    std::lock_guard<std::mutex> lock(listenersMutex_);
+    listeners.erase(std::remove(listeners.begin(), listeners.end(), listener), listeners.end());
+}
+
 void Agent::startBrowsing() {
     auto client = zeroconf::client::create(kAnyInterface);
     auto listener =
@@ -96,7 +107,7 @@ int Agent::runStartup(const std::function<void(const QString&)>& show) {
         show("Master: Creating VELMOR local server in the network...");
         VLM_LOG(6, "Starting VELMOR Engine process as agent mode has been set to \"Master\"\n");
         startEngineProcess(true);
-        std::this_thread::sleep_for(timing.masterWait);
+        timing.sleep(timing.masterWait);
         return 0;
     }
     if (mode != kModeSlave && mode != kModeHybrid)
@@ -106,7 +117,7 @@ int Agent::runStartup(const std::function<void(const QString&)>& show) {
     show(QString(mode == kModeSlave ? "Slave: " : "Hybrid: ") +
          "Looking for VELMOR Server in the network...");
     for (int round = 0; round < kStartupRounds; ++round) {
-        std::this_thread::sleep_for(timing.startupRound);
+        timing.sleep(timing.startupRound);
         if (!attachedEndpoint().empty()) {
             show("Connected to VELMOR server. Please wait...");
             if (round >= kFirstAcceptedRound)
@@ -156,8 +167,10 @@ void Agent::startEngineProcess(bool master) {
 // Each watcher follows the child it was started for, so that a newer launch is never mistaken
 // for the child this watcher waits on.
 void Agent::watchEngine(std::int64_t pid) {
+    // Woken by the child's end, and still looking at least once per interval.
+    platform::ProcessEndWatch end(static_cast<std::uint32_t>(pid));
     do {
-        std::this_thread::sleep_for(timing.watcherInterval);
+        end.wait(timing.watcherInterval.count());
     } while (isProcessAlive(static_cast<std::uint32_t>(pid)));
     enginePid.compare_exchange_strong(pid, 0);
     VLM_LOG(6, "Engine process died\n");

@@ -56,6 +56,10 @@ struct AgentTiming {
     std::chrono::milliseconds startupRound{1000};
     std::chrono::milliseconds masterWait{4000};
     std::chrono::milliseconds watcherInterval{3000};
+    /// How the start-up sequence waits out a round or the Master wait.
+    std::function<void(std::chrono::milliseconds)> sleep = [](std::chrono::milliseconds wait) {
+        std::this_thread::sleep_for(wait);
+    };
 };
 
 /// \brief The process-wide agent.
@@ -82,7 +86,10 @@ public:
     Agent(const Agent&) = delete;
     Agent& operator=(const Agent&) = delete;
 
-    void addListener(Listener* listener) { listeners.push_back(listener); }
+    void addListener(Listener* listener);
+    /// No call reaches the listener once this has returned (a call under way is waited for).
+    /// Never call it from inside a listener call.
+    void removeListener(Listener* listener);
 
     /// Opens the browse for engine servers and runs the start-up sequence under the splash.
     void start();
@@ -119,6 +126,7 @@ public:
     /// Calls every listener in registration order.
     template <typename Call>
     void notifyListeners(Call call) {
+        std::lock_guard<std::mutex> lock(listenersMutex_);
         for (Listener* listener : listeners)
             call(*listener);
     }
@@ -131,6 +139,7 @@ public:
 
     AgentMode mode = kModeHybrid;
     std::vector<std::string> interfaceHardwareIds;
+    // Guarded by its own lock (see notifyListeners).
     std::vector<Listener*> listeners;
     std::mutex mutex;
     // The browse for engine servers, open for the life of the process.
@@ -152,6 +161,10 @@ public:
 
 private:
     void watchEngine(std::int64_t pid);
+
+    // The listeners' own lock, never the agent's mutex: a launch joins the previous engine
+    // watcher under that mutex, and the watcher's last act is a listener call.
+    std::mutex listenersMutex_;
 
     AppConfig& config_;
 };

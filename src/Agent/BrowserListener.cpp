@@ -15,8 +15,21 @@ bool isEngineServer(const char* name) {
 }
 }  // namespace
 
-Agent::BrowserListener::BrowserListener(Agent& owner, std::string localAddress)
-    : agent(owner), localAddress_(std::move(localAddress)) {}
+Agent::BrowserListener::BrowserListener(Agent& owner, std::string localAddress,
+                                        AddressList hostAddresses)
+    : agent(owner),
+      localAddress_(std::move(localAddress)),
+      hostAddresses_(std::move(hostAddresses)) {}
+
+// Read when the announcement arrives: the network may have come up, or the address changed,
+// since the agent started.
+bool Agent::BrowserListener::isOwnAddress(const std::string& address) const {
+    if (address == localAddress_)
+        return true;
+    const std::vector<std::string> own =
+        hostAddresses_ ? hostAddresses_() : std::vector<std::string>{};
+    return std::find(own.begin(), own.end(), address) != own.end();
+}
 
 void Agent::BrowserListener::attach(const ServerRecord& server) {
     agent.attachedName = server.name;
@@ -49,7 +62,7 @@ void Agent::BrowserListener::add(std::uint32_t, const char* name, const char*, c
                 record.endpoint.c_str());
         return;
     }
-    if (agent.mode == kModeMaster && localAddress_ != address) {
+    if (agent.mode == kModeMaster && !isOwnAddress(address)) {
         VLM_LOG(6, "Ignored VELMOR at %s because we are the master\n", record.endpoint.c_str());
         return;
     }

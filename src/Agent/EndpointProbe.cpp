@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <QHostAddress>
+#include <QNetworkInterface>
+
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ip/udp.hpp>
@@ -31,6 +34,22 @@ std::string routedAddress(const char* routingAddress) {
     return socket.local_endpoint().address().to_string();
 }
 
+// A studio network often has no default route: an up interface still names this machine.
+std::string interfaceAddress() {
+    for (const QNetworkInterface& interface : QNetworkInterface::allInterfaces()) {
+        const auto flags = interface.flags();
+        if (!(flags & QNetworkInterface::IsUp) || (flags & QNetworkInterface::IsLoopBack))
+            continue;
+        for (const QNetworkAddressEntry& entry : interface.addressEntries()) {
+            const QHostAddress address = entry.ip();
+            if (address.protocol() == QAbstractSocket::IPv4Protocol && !address.isLoopback())
+                return address.toString().toStdString();
+        }
+    }
+    return {};
+}
+
+// Debian writes the host's own name on 127.0.1.1: a loopback answer names no network address.
 std::string hostNameAddress() {
     char name[1024] = {};
     if (gethostname(name, sizeof name - 1) != 0)
@@ -43,7 +62,7 @@ std::string hostNameAddress() {
         return {};
     for (const auto& result : results) {
         const ip::address address = result.endpoint().address();
-        if (!address.is_v4())
+        if (!address.is_v4() || address.is_loopback())
             continue;
         std::string text = address.to_string();
         if (text.find(':') == std::string::npos)
@@ -60,9 +79,19 @@ std::string probeLocalAddress(json::Document* config, const char* routingAddress
     try {
         return routedAddress(routingAddress);
     } catch (const std::exception&) {
-        address = hostNameAddress();
     }
+    address = interfaceAddress();
+    if (address.empty())
+        address = hostNameAddress();
     return address.empty() ? "0.0.0.0" : address;
+}
+
+std::vector<std::string> currentIPv4Addresses() {
+    std::vector<std::string> addresses;
+    for (const QHostAddress& address : QNetworkInterface::allAddresses())
+        if (address.protocol() == QAbstractSocket::IPv4Protocol)
+            addresses.push_back(address.toString().toStdString());
+    return addresses;
 }
 
 }  // namespace vlm

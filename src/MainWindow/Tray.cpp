@@ -98,6 +98,8 @@ MainWindow::Tray::Tray(MainWindow& window, Agent& agent, bool startAgent)
 }
 
 MainWindow::Tray::~Tray() {
+    // The agent's threads outlive the tray: none may call into it once it is gone.
+    agent_.removeListener(this);
     vlm::showWebApp = std::move(previousShowWebApp_);
 }
 

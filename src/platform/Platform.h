@@ -39,6 +39,23 @@ bool isProcessAlive(std::uint32_t pid);
 
 std::uint32_t currentProcessId();
 
+/// \brief Wakes a waiting thread the moment a process ends (a pidfd on Linux, the process
+/// handle on Windows).
+class ProcessEndWatch {
+public:
+    /// A process that cannot be opened (pid 0, already gone) is waited for by time alone.
+    explicit ProcessEndWatch(std::uint32_t pid);
+    ~ProcessEndWatch();
+    ProcessEndWatch(const ProcessEndWatch&) = delete;
+    ProcessEndWatch& operator=(const ProcessEndWatch&) = delete;
+
+    /// Returns when the process has ended or timeoutMs have passed, whichever comes first.
+    void wait(std::int64_t timeoutMs);
+
+private:
+    std::intptr_t handle_;
+};
+
 /// Full path of the running executable.
 std::string executablePath();
 

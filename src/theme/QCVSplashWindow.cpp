@@ -1,5 +1,6 @@
 #include "theme/QCVSplashWindow.h"
 
+#include <QCoreApplication>
 #include <QFont>
 #include <QPainter>
 #include <QRect>
@@ -96,6 +97,15 @@ int QCVSplashWindow::run(QWidget* parent, const QSize& baseSize, const QPixmap* 
     QObject::connect(thread, &WorkerThread::finished, thread, &QObject::deleteLater);
     thread->start();
     window->exec();
+    // The modal loop ends early only when the application was told to quit ("&Quit" in the
+    // tray meanwhile). The window stays until the routine is done, since the routine still
+    // reports to it, and the quit is carried out once the application's own loop runs.
+    if (!window->workerDone()) {
+        while (!window->workerDone())
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        QMetaObject::invokeMethod(QCoreApplication::instance(), &QCoreApplication::quit,
+                                  Qt::QueuedConnection);
+    }
 
     const int result = window->workerResult();
     if (!parent)

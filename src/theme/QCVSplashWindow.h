@@ -61,6 +61,7 @@ public:
     /// Set by the worker thread before it reports that it has finished.
     void setWorkerResult(int result);
     int workerResult() const { return workerResult_; }
+    bool workerDone() const { return workerDone_; }
 
     /// Escape or a window-manager close would end the modal loop under the running worker;
     /// only the worker's end closes the splash.

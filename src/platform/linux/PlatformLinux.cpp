@@ -1,10 +1,13 @@
 #include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <thread>
 
 #include "platform/Platform.h"
 #include "velmor_version.h"
@@ -141,6 +145,33 @@ bool isProcessAlive(std::uint32_t pid) {
         return false;
     char state = line[close + 2];
     return state != 'Z' && state != 'X' && state != 'x';
+}
+
+ProcessEndWatch::ProcessEndWatch(std::uint32_t pid) : handle_(-1) {
+    if (pid != 0 && pid <= static_cast<std::uint32_t>(INT32_MAX))
+        handle_ = ::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0);
+}
+
+ProcessEndWatch::~ProcessEndWatch() {
+    if (handle_ >= 0)
+        ::close(static_cast<int>(handle_));
+}
+
+void ProcessEndWatch::wait(std::int64_t timeoutMs) {
+    if (handle_ < 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(timeoutMs));
+        return;
+    }
+    // A pidfd becomes readable when its process ends.
+    pollfd ended{static_cast<int>(handle_), POLLIN, 0};
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || ::poll(&ended, 1, static_cast<int>(left.count())) != -1 ||
+            errno != EINTR)
+            return;
+    }
 }
 
 std::uint32_t currentProcessId() {

@@ -76,6 +76,22 @@ bool isProcessAlive(std::uint32_t pid) {
     return wait == WAIT_TIMEOUT;
 }
 
+ProcessEndWatch::ProcessEndWatch(std::uint32_t pid)
+    : handle_(
+          reinterpret_cast<std::intptr_t>(pid ? OpenProcess(SYNCHRONIZE, FALSE, pid) : nullptr)) {}
+
+ProcessEndWatch::~ProcessEndWatch() {
+    if (handle_)
+        CloseHandle(reinterpret_cast<HANDLE>(handle_));
+}
+
+void ProcessEndWatch::wait(std::int64_t timeoutMs) {
+    if (handle_)
+        WaitForSingleObject(reinterpret_cast<HANDLE>(handle_), static_cast<DWORD>(timeoutMs));
+    else
+        Sleep(static_cast<DWORD>(timeoutMs));
+}
+
 std::uint32_t currentProcessId() {
     return GetCurrentProcessId();
 }

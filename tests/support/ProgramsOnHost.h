@@ -1,0 +1,118 @@
+#pragma once
+// The program's engine-server role and its agent role on test hosts, each with folders of its
+// own. Shared by the network tests.
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestNet.h"
+#include "TestSupport.h"
+
+namespace vlm::test {
+
+/// Polls until done() holds; false when the time runs out first.
+inline bool eventually(const std::function<bool()>& done,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(15),
+                       std::chrono::milliseconds step = std::chrono::milliseconds(10)) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(step);
+    }
+    return true;
+}
+
+/// Folders of one program's configuration (APPDATA, common, runtime), removed with it.
+struct ProgramFolders {
+    TempDir dir;
+    ProgramFolders() {
+        for (const char* folder : {"appdata", "common", "runtime"})
+            mkdir(dir.file(folder).c_str(), 0700);
+    }
+    std::string environment(int enginePort) const {
+        return "env -u VELMOR_DNSSD_LIBRARY -u DISPLAY -u WAYLAND_DISPLAY APPDATA=" +
+               shellQuote(dir.file("appdata")) +
+               " VELMOR_COMMON_APPDATA=" + shellQuote(dir.file("common")) +
+               " XDG_RUNTIME_DIR=" + shellQuote(dir.file("runtime")) +
+               " QT_QPA_PLATFORM=offscreen VELMOR_ENGINE_PORT=" + std::to_string(enginePort);
+    }
+};
+
+/// \brief The program on a test host: the engine-server role (a sleeper of the test as its
+/// parent), or with mode >= 0 the agent role with that configured mode.
+class ProgramOnHost {
+public:
+    ProgramOnHost(const TestNet& net, const std::string& host, int port, int mode) {
+        std::string role = " --server 1 --apid ";
+        if (mode < 0) {
+            parent_ =
+                std::make_unique<Child>("/bin/sleep", std::vector<std::string>{"600"},
+                                        std::map<std::string, std::string>{}, folders_.dir.path());
+            role += std::to_string(parent_->pid()) + (mode == -2 ? " --master 1" : "");
+        } else {
+            const std::string config = folders_.dir.file("appdata/Corvane Technologies/velmor");
+            std::filesystem::create_directories(config);
+            writeFile(config + "/config.json", "{\"mode\": " + std::to_string(mode) + "}");
+            role.clear();
+        }
+        process_ = net.start(
+            host, {"sh", "-c",
+                   "exec " + folders_.environment(port) + " " + shellQuote(velmorPath()) + role});
+    }
+    std::string log() const { return withoutColours(process_->output()); }
+    std::string errors() const { return process_->errors(); }
+    bool logHas(const std::string& line, std::chrono::milliseconds timeout = {}) const {
+        return eventually([&] { return log().find(line) != std::string::npos; }, timeout);
+    }
+    bool announced() const { return logHas("Engine: DNS-SD registered", std::chrono::seconds(15)); }
+    /// Ends the agent as a logout does (SIGTERM), once its splash has closed (a Master agent's
+    /// lasts 4 s); the exit status, 0 for a clean quit.
+    std::optional<int> quit(std::chrono::seconds splash = std::chrono::seconds(5)) {
+        std::this_thread::sleep_until(started_ + splash);
+        process_->kill(SIGTERM);
+        return process_->wait(std::chrono::seconds(10));
+    }
+    void kill(int number = SIGKILL) {
+        process_->kill(number);
+        process_->wait(std::chrono::seconds(5));
+    }
+    /// The engine-server processes started with this program's folders (its engine children).
+    std::vector<pid_t> engineChildren() const {
+        std::vector<pid_t> found;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+            std::string text = readFile(entry.path() / "cmdline");
+            std::replace(text.begin(), text.end(), '\0', ' ');
+            if (text.find("--server 1") != std::string::npos &&
+                readFile(entry.path() / "environ").find(folders_.dir.path()) != std::string::npos)
+                found.push_back(std::stoi(entry.path().filename()));
+        }
+        return found;
+    }
+    bool running() const { return !process_->wait(std::chrono::milliseconds(0)).has_value(); }
+
+private:
+    std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+    ProgramFolders folders_;
+    std::unique_ptr<Child> parent_;
+    std::unique_ptr<Child> process_;
+};
+
+/// \brief The engine-server role on a test host.
+struct EngineOnHost : ProgramOnHost {
+    EngineOnHost(const TestNet& net, const std::string& host, int port, bool master)
+        : ProgramOnHost(net, host, port, master ? -2 : -1) {}
+};
+
+}  // namespace vlm::test
