@@ -1,7 +1,9 @@
 #include "MainWindow/MainWindow.h"
 
 #include <QCloseEvent>
+#include <QLabel>
 #include <QMenuBar>
+#include <QSystemTrayIcon>
 
 #include "AppConfig.h"
 #include "MainWindow/Tray.h"
@@ -11,12 +13,37 @@ namespace vlm {
 
 std::function<bool()> darkModeQuery = [] { return false; };
 
-MainWindow::MainWindow(Agent& agent, bool startAgent) {
+MainWindow::MainWindow(Agent& agent, bool startAgent, std::optional<bool> trayAvailable) {
     instance_ = this;
     setWindowFlags((windowFlags() & ~Qt::WindowMaximizeButtonHint) |
                    Qt::MSWindowsFixedSizeDialogHint);
     tray_ = std::make_unique<Tray>(*this, agent, startAgent);
     resize(static_cast<int>(480 * dpiScale), static_cast<int>(320 * dpiScale));
+    withoutTray_ = !trayAvailable.value_or(QSystemTrayIcon::isSystemTrayAvailable());
+    if (withoutTray_)
+        showWithoutTray();
+}
+
+void MainWindow::showWithoutTray() {
+    // No tray to open the menu from: the window stays in the desktop's window list with the
+    // menu's actions in its menu bar, and a line that says what the menu's title would.
+    setWindowTitle("VELMOR");
+    menuBar()->clear();
+    for (QAction* action : tray_->menu->actions())
+        if (!action->isSeparator() && action != tray_->titleAction)
+            menuBar()->addAction(action);
+    auto* status = new QLabel(this);
+    status->setObjectName("status");
+    status->setAlignment(Qt::AlignCenter);
+    status->setWordWrap(true);
+    setCentralWidget(status);
+    auto update = [this, status] {
+        tray_->slotUpdatePopupMenu();
+        status->setText(tray_->titleAction->text());
+    };
+    update();
+    connect(tray_.get(), &Tray::signalAttachChanged, status, update, Qt::QueuedConnection);
+    showMinimized();
 }
 
 MainWindow::~MainWindow() {
@@ -26,9 +53,13 @@ MainWindow::~MainWindow() {
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
-    // Only "&Quit" ends the agent; the window merely goes out of sight.
+    // Only "&Quit" ends the agent; the window merely goes out of sight, and without a tray
+    // it stays within reach in the window list.
     event->ignore();
-    hide();
+    if (withoutTray_)
+        showMinimized();
+    else
+        hide();
 }
 
 int showMessageBox(QWidget* parent, const QString& title, const QString& text,

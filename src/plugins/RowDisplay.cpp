@@ -134,6 +134,7 @@ void RowDisplay::download() {
     progress_->show();
     auto* worker = new downloadWorker(entry_, folders_);
     connect(worker, &downloadWorker::signalUpdateText, this, &RowDisplay::slotUpdateText);
+    connect(worker, &downloadWorker::signalFileWritten, this, [this] { fileWritten_ = true; });
     connect(worker, &downloadWorker::signalDownloadEnd, this, &RowDisplay::slotDownloadEnd);
     downloadWorker::start(worker);
 }
@@ -145,11 +146,18 @@ void RowDisplay::slotUpdateText(QString Q) {
 }
 
 void RowDisplay::slotDownloadEnd() {
+    // Without a file in place there is nothing to restart for: the row offers the download
+    // again, a reported failure staying readable.
+    if (!fileWritten_) {
+        downloadStarted_ = false;
+        if (textReported_)
+            return;
+        progress_->hide();
+        showStatus();
+        return;
+    }
     downloaded_ = true;
     emit signalDownloaded(QString::fromStdString(entry_.name));
-    // A reported failure stays readable; otherwise the row asks for the restart.
-    if (textReported_)
-        return;
     progress_->hide();
     showStatus();
 }

@@ -49,6 +49,7 @@ private:
     bool downloaded_;
     bool downloadStarted_ = false;
     bool textReported_ = false;
+    bool fileWritten_ = false;
     std::shared_ptr<PluginFolders> folders_;
     QLabel* name_;
     QLabel* description_;

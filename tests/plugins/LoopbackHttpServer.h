@@ -1,7 +1,6 @@
 #pragma once
 // A small HTTP server on 127.0.0.1 whose answers a test scripts per path, down to the bytes.
 
-#include <atomic>
 #include <boost/asio.hpp>
 #include <functional>
 #include <map>
@@ -21,29 +20,19 @@ public:
 
     LoopbackHttpServer();
     ~LoopbackHttpServer();
-    LoopbackHttpServer(const LoopbackHttpServer&) = delete;
-    LoopbackHttpServer& operator=(const LoopbackHttpServer&) = delete;
 
     /// A 200 answer with this body and a Content-Length.
     void serve(const std::string& path, const std::string& body);
     void handle(const std::string& path, Handler handler);
-
-    unsigned short port() const { return port_; }
     /// "127.0.0.1:<port>", as VELMOR_CATALOGUE_HOST and catalogue addresses take it.
     std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
-
     /// Every request head received, in order.
     std::vector<std::string> requests();
-    int connections() const { return connections_; }
 
     static void writeAll(Socket& socket, const std::string& bytes);
-    static std::string response(int status, const std::string& body,
-                                const std::string& contentType = "application/json");
+    static std::string response(int status, const std::string& body);
 
 private:
-    void acceptLoop();
-    void serveConnection(Socket socket);
-
     boost::asio::io_context context_;
     boost::asio::ip::tcp::acceptor acceptor_;
     unsigned short port_ = 0;
@@ -51,8 +40,7 @@ private:
     std::map<std::string, Handler> handlers_;
     std::vector<std::string> requests_;
     std::vector<std::thread> threads_;
-    std::atomic<bool> stopping_{false};
-    std::atomic<int> connections_{0};
+    bool stopping_ = false;
     std::thread acceptThread_;
 };
 
