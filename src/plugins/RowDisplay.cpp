@@ -50,7 +50,12 @@ QString cellStyle(bool top, bool bottom, bool left, bool right, const QString& e
 
 RowDisplay::RowDisplay(const CatalogueEntry& entry, int y, bool lastRow, bool downloaded,
                        std::shared_ptr<PluginFolders> folders, QWidget* parent)
-    : QWidget(parent), entry_(entry), y_(y), downloaded_(downloaded), folders_(std::move(folders)) {
+    : QWidget(parent),
+      entry_(entry),
+      y_(y),
+      lastRow_(lastRow),
+      downloaded_(downloaded),
+      folders_(std::move(folders)) {
     setObjectName(QString::fromStdString(entry_.name));
     setGeometry(0, y_, 800, height_);
     const int h = height_;
@@ -119,7 +124,7 @@ void RowDisplay::showStatus() {
             break;
         case RowStatus::NotAvailable:
             status_->setText("N/A FOR YOUR\nSYSTEM");
-            status_->setStyleSheet(cellStyle(false, false, false, true, "text-align: center;"));
+            status_->setStyleSheet(cellStyle(false, lastRow_, false, true, "text-align: center;"));
             break;
     }
 }

@@ -45,6 +45,7 @@ private:
 
     CatalogueEntry entry_;
     int y_;
+    bool lastRow_;
     int height_ = kHeight;
     bool downloaded_;
     bool downloadStarted_ = false;

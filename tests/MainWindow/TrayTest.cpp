@@ -1,14 +1,25 @@
+// The tray and the dialogs it opens, on real widgets; modal windows are driven by a timer.
+
 #include "MainWindow/Tray.h"
 
 #include <QApplication>
+#include <QComboBox>
+#include <QDialogButtonBox>
+#include <QKeyEvent>
 #include <QLabel>
+#include <QListView>
 #include <QMenuBar>
-#include <QMessageBox>
 #include <QMetaMethod>
+#include <QPointer>
+#include <QPushButton>
+#include <QStandardItemModel>
+#include <QStyleOptionViewItem>
 #include <QTimer>
 #include <QUrl>
 
 #include "Agent/AgentFixture.h"
+#include "MainWindow/About.h"
+#include "MainWindow/Settings.h"
 #include "Roles.h"
 #include "plugins/PluginWindow.h"
 
@@ -16,6 +27,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Texts = std::vector<std::string>;
+using Settings = vlm::MainWindow::Settings;
 
 Texts texts(const QList<QAction*>& actions) {
     Texts found;
@@ -24,9 +36,47 @@ Texts texts(const QList<QAction*>& actions) {
     return found;
 }
 
+// A list's check boxes: "X" checked, "-" unchecked, "x" and "." the same but disabled.
+std::string rows(const QStandardItemModel* model, bool withTexts = false) {
+    std::string states;
+    for (int row = 0; row < model->rowCount(); ++row) {
+        const QStandardItem* item = model->item(row);
+        const bool checked = item->checkState() == Qt::Checked;
+        states += item->isEnabled() ? (checked ? 'X' : '-') : (checked ? 'x' : '.');
+        if (withTexts)
+            states += " " + item->text().toStdString() + "|";
+    }
+    return states;
+}
+
+// Clicks a row's check box as a user does: press and release on its indicator.
+void click(QListView* view, int row) {
+    QStyleOptionViewItem option;
+    option.initFrom(view->viewport());
+    option.rect = view->visualRect(view->model()->index(row, 0));
+    option.features = QStyleOptionViewItem::HasCheckIndicator;
+    const QPoint at = view->style()
+                          ->subElementRect(QStyle::SE_ItemViewItemCheckIndicator, &option, view)
+                          .center();
+    for (auto type : {QEvent::MouseButtonPress, QEvent::MouseButtonRelease}) {
+        QMouseEvent event(type, at, view->viewport()->mapToGlobal(at), Qt::LeftButton,
+                          Qt::MouseButtons(type == QEvent::MouseButtonPress), Qt::NoModifier);
+        QApplication::sendEvent(view->viewport(), &event);
+    }
+}
+
+void pressSpace(QListView* view, int row) {
+    view->setCurrentIndex(view->model()->index(row, 0));
+    for (auto type : {QEvent::KeyPress, QEvent::KeyRelease}) {
+        QKeyEvent event(type, Qt::Key_Space, Qt::NoModifier, " ");
+        QApplication::sendEvent(view, &event);
+    }
+}
+
 class TrayTest : public vlm::test::AgentFixture {
 protected:
     void build(const std::string& configText = "{}", bool trayAvailable = true) {
+        TearDown();
         agent = makeAgent(configText);
         agent->engineProgram = "/bin/false";  // every launch is followed by a death report
         window = std::make_unique<vlm::MainWindow>(*agent, false, trayAvailable);
@@ -45,17 +95,37 @@ protected:
             agent->engineWatcher->join();
         window.reset();
     }
+    // Runs run; act sees each other modal window once; message boxes are recorded
+    // ("title | text | icon") and accepted.
+    void modal(const std::function<void()>& run, const std::function<void(QWidget*)>& act = {}) {
+        QPointer<QWidget> last;
+        QTimer driver;
+        QObject::connect(&driver, &QTimer::timeout, [&] {
+            QWidget* modal = QApplication::activeModalWidget();
+            if (auto* box = qobject_cast<QMessageBox*>(modal)) {
+                boxes.push_back((box->windowTitle() + " | " + box->text()).toStdString() + " | " +
+                                std::to_string(box->icon()));
+                styles.push_back(box->styleSheet().toStdString());
+                box->accept();
+            } else if (modal && modal != last && act) {
+                act(last = modal);
+            }
+        });
+        driver.start(5);
+        run();
+        EXPECT_TRUE(last.isNull());  // a dialog is gone when its slot returns
+    }
 
     std::unique_ptr<vlm::Agent> agent;
     std::unique_ptr<vlm::MainWindow> window;
     vlm::MainWindow::Tray* tray = nullptr;
-    Texts balloons;
-    Texts opened;
+    Texts balloons, opened, boxes, styles;
     std::chrono::steady_clock::time_point now{};
 };
 
 // The menu, the window and the meta-object as designed; the unconnected slots stay reachable
-// by name, the plug-in manager's among them.
+// by name. Without a tray the window stands in: minimised, the menu's actions in its menu bar,
+// a line for the menu's title, and its close button minimises it again.
 TEST_F(TrayTest, ConstructionAndMetaObject) {
     qputenv("VELMOR_CATALOGUE_HOST", "127.0.0.1:1");  // never the maker's server
     build();
@@ -65,12 +135,9 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     EXPECT_FALSE(tray->titleAction->isEnabled() || tray->webAppAction->isEnabled());
     EXPECT_EQ(tray->menu->title() + " | " + tray->trayIcon->toolTip(), "App | VELMOR 1.0.0 b1");
     EXPECT_EQ(texts(window->menuBar()->actions()), Texts{"App"});
-    EXPECT_EQ(window->size(), QSize(480, 320));
     EXPECT_FALSE(window->windowFlags() & Qt::WindowMaximizeButtonHint);
-    EXPECT_FALSE(window->isVisible());  // a tray: the window is only an anchor
-    EXPECT_FALSE(window->close());      // closing only hides it
+    EXPECT_FALSE(window->isVisible() || window->close());  // only an anchor; closing hides it
     EXPECT_TRUE(tray->trayIcon->isVisible());
-
     const QMetaObject* meta = tray->metaObject();
     std::string methods;
     for (int i = meta->methodOffset(); i < meta->methodCount(); ++i)
@@ -89,14 +156,9 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     EXPECT_TRUE(QMetaObject::invokeMethod(tray, "slotUpdateModeMenu"));
     EXPECT_TRUE(tray->hybridAction->isChecked() && !tray->masterAction->isChecked());
     ASSERT_TRUE(QMetaObject::invokeMethod(tray, "slotShowPluginsManager"));
-    ASSERT_NE(tray->pluginWindow(), nullptr);
     EXPECT_TRUE(tray->pluginWindow()->isVisible() && tray->pluginWindow()->rows().empty());
     qunsetenv("VELMOR_CATALOGUE_HOST");
-}
 
-// No tray on the desktop: the window is the way in, minimised, its menu bar holding the
-// menu's actions, and its close button minimises it again.
-TEST_F(TrayTest, WithoutATrayTheWindowStandsIn) {
     build("{}", false);
     EXPECT_EQ(texts(window->menuBar()->actions()),
               (Texts{"Open &Web App", "Start Local Server", "&Settings...", "&User Manual",
@@ -106,7 +168,7 @@ TEST_F(TrayTest, WithoutATrayTheWindowStandsIn) {
     auto* status = window->findChild<QLabel*>("status");
     EXPECT_EQ(status->text(), "VELMOR - No Server Running");
     agent->attachedServer = "10.0.0.5:8080";
-    emit tray->signalAttachChanged("10.0.0.5:8080", true);
+    tray->onAttached("10.0.0.5:8080");
     QCoreApplication::processEvents();
     EXPECT_EQ(status->text(), "VELMOR - Server on 10.0.0.5:8080");
     window->showNormal();
@@ -144,14 +206,13 @@ TEST_F(TrayTest, WebAppManualAndASecondAgentsRequest) {
                                "Server Found | Attached to 10.0.0.6:8080",
                                "Server Not Found | Could not find VELMOR server in the network"}));
     EXPECT_TRUE(tray->webAppAction->isEnabled());
-
-    // The menu's title and "Start Local Server": Hybrid without a local engine only.
+    // The menu's title, and "Start Local Server" in Hybrid without a local engine only.
     auto menu = [this] {
         tray->slotUpdatePopupMenu();
         return tray->titleAction->text().toStdString() +
                (tray->startServerAction->isVisible() ? " +start" : "");
     };
-    EXPECT_EQ(menu(), "VELMOR - Server on " + six.substr(7) + " +start");
+    EXPECT_EQ(menu(), "VELMOR - Server on 10.0.0.6:8080 +start");
     agent->enginePid = 4242;
     EXPECT_EQ(menu(), "VELMOR - Server on 10.0.0.6:8080");
     agent->enginePid = 0;
@@ -168,8 +229,7 @@ TEST_F(TrayTest, WebAppManualAndASecondAgentsRequest) {
 TEST_F(TrayTest, RestartGuardTable) {
     struct Case {
         std::vector<std::chrono::milliseconds> gaps;  // between deaths
-        int restarts;
-        int givenUp;
+        int restarts, givenUp;
     } cases[] = {{{0ms}, 1, 0},          {{0ms, 10s}, 1, 1},      {{0ms, 30000ms}, 1, 1},
                  {{0ms, 30001ms}, 2, 0}, {{0ms, 10s, 21s}, 2, 1}, {{0ms, 30001ms, 30000ms}, 2, 1}};
     for (const Case& c : cases) {
@@ -196,36 +256,161 @@ TEST_F(TrayTest, ModeChangeAndAnUnwritableConfiguration) {
     build(R"({"mode": 4})");
     const auto query = vlm::darkModeQuery;
     vlm::darkModeQuery = [] { return true; };
-    Texts shown;
-    QTimer driver;
-    driver.setInterval(5);
-    QObject::connect(&driver, &QTimer::timeout, [&] {
-        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-            shown.push_back((box->windowTitle() + " | " + box->text() + " | " + box->styleSheet())
-                                .toStdString() +
-                            " | " + std::to_string(box->icon()));
-            box->accept();
-        }
+    modal([&] {
+        tray->slotModeMaster();
+        tray->slotModeHybrid();  // the running mode: nothing stored, nothing shown
+        testing::internal::CaptureStdout();
+        // Unwritable for this one call; the capture file must stay readable.
+        std::make_unique<vlm::test::ReadOnlyFolder>(appData.path()), tray->slotModeSlave();
+        testing::internal::GetCapturedStdout();
     });
-    driver.start();
-    tray->slotModeMaster();
-    tray->slotModeHybrid();  // the running mode: nothing stored, nothing shown
-    testing::internal::CaptureStdout();
-    {
-        vlm::test::ReadOnlyFolder readOnly(appData.path());
-        tray->slotModeSlave();
-    }
-    testing::internal::GetCapturedStdout();
     vlm::darkModeQuery = query;
-    const std::string dark = " | background-color: rgb(43, 43, 43);color: rgb(255, 255, 255);}";
-    EXPECT_EQ(shown, (Texts{"Mode Changed | Mode will be set to \"Master\" next time this Agent "
-                            "starts" +
-                                dark + " | 1",
+    EXPECT_EQ(boxes, (Texts{"Mode Changed | Mode will be set to \"Master\" next time this Agent "
+                            "starts | 1",
                             "Settings Not Saved | The settings could not be written to " +
                                 appData.file("config.json") +
-                                " (Permission denied). They stay as they were." + dark + " | 2"}));
+                                " (Permission denied). They stay as they were. | 2"}));
+    EXPECT_EQ(styles, Texts(2, "background-color: rgb(43, 43, 43);color: rgb(255, 255, 255);}"));
     EXPECT_NE(savedConfig().find(R"("mode":1)"), std::string::npos) << savedConfig();
     EXPECT_EQ(agent->mode, vlm::kModeHybrid);
+}
+
+// "&About" runs the box modally, sized by the scale (truncated), the agent's picture filling
+// it and the version right-aligned in its lower right corner (at 1.5: 10 from the left, 57
+// above the bottom, 21 narrower); without a picture only the version.
+TEST_F(TrayTest, AboutBox) {
+    build();
+    agent->splashPixmap = std::make_unique<QPixmap>(60, 25);
+    agent->splashPixmap->fill(Qt::black);
+    for (float scale : {1.0f, 1.5f, 1.25f}) {
+        vlm::dpiScale = scale;
+        if (scale == 1.25f)
+            agent->splashPixmap.reset();
+        QImage image;
+        modal([&] { tray->aboutAction->trigger(); },
+              [&](QWidget* about) {
+                  EXPECT_EQ(about->windowTitle() + " | " +
+                                static_cast<vlm::MainWindow::About*>(about)->text(),
+                            "About | Version 1.0.0 b1");
+                  EXPECT_FALSE(about->windowFlags() & Qt::WindowContextHelpButtonHint);
+                  EXPECT_TRUE(about->findChildren<QWidget*>().isEmpty());
+                  image = about->grab().toImage();
+                  about->close();
+              });
+        ASSERT_EQ(image.size(), QSize(int(600 * scale), int(250 * scale)));
+        EXPECT_EQ(qGray(image.pixel(image.width() - 1, 0)) < 100, scale != 1.25f) << scale;
+        QRect text;  // the bright pixels
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = 0; x < image.width(); ++x)
+                if (qGray(image.pixel(x, y)) > 200 && qGray(image.pixel(0, 0)) < 100)
+                    text |= QRect(x, y, 1, 1);
+        const QRect expected = vlm::MainWindow::About::textRect(image.size(), scale);
+        EXPECT_TRUE(scale == 1.25f || (expected.contains(text) && text.width() > 40)) << scale;
+        EXPECT_LE(expected.right() - text.right() + text.top() - expected.top(),
+                  scale == 1.25f ? 9999 : 8);
+    }
+    vlm::dpiScale = 1.0f;
+    EXPECT_EQ(vlm::MainWindow::About::textRect(QSize(900, 375), 1.5f), QRect(10, 318, 879, 375));
+}
+
+// Open, change by mouse and by keyboard, Ok, reopen: what the boxes showed is what is stored;
+// a click that undoes itself is still a change, and Cancel changes nothing.
+TEST_F(TrayTest, SettingsRoundTripByMouseAndKeyboard) {
+    build(R"({"mode": 4})");
+    auto press = [](QWidget* settings, QDialogButtonBox::StandardButton button) {
+        settings->findChild<QDialogButtonBox*>()->button(button)->click();
+    };
+    modal([&] { tray->settingsAction->trigger(); },
+          [&](QWidget* dialog) {
+              auto& settings = *qobject_cast<Settings*>(dialog);
+              EXPECT_EQ(settings.size(), QSize(640, 480));
+              EXPECT_EQ(settings.windowTitle() + settings.modeCombo->currentText(),
+                        "SettingsHybrid");
+              EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "X-XX");
+              EXPECT_EQ(settings.pluginModel->item(0)->text(),
+                        "disco_bonjour.dll       \tDefault Device discovery via Bonjour");
+              click(settings.discoveryList, 0);  // "All" off: the interface rows free, unchecked
+              EXPECT_EQ(rows(settings.discoveryModel).find_first_not_of('-'), std::string::npos);
+              click(settings.pluginList, 1);
+              pressSpace(settings.pluginList, 2);
+              settings.modeCombo->setCurrentIndex(1);
+              press(dialog, QDialogButtonBox::Ok);
+          });
+    EXPECT_EQ(boxes, (Texts{"Mode Changed | Mode will be set to \"Slave\" next time this Agent "
+                            "starts | 1",
+                            "Plug-ins Filtering Changed | Plug-ins filtering will be set next "
+                            "time this Agent starts | 1"}));
+    const std::string saved = savedConfig();
+    modal([&] { tray->settingsAction->trigger(); },
+          [&](QWidget* dialog) {
+              auto& settings = *qobject_cast<Settings*>(dialog);
+              EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "XX-X");
+              EXPECT_EQ(settings.discoveryModel->item(0)->checkState(), Qt::Unchecked);
+              EXPECT_EQ(settings.modeCombo->currentText(), "Hybrid");  // the running mode
+              click(settings.pluginList, 1);
+              click(settings.pluginList, 1);
+              EXPECT_TRUE(settings.choices().pluginsChanged);
+              press(dialog, QDialogButtonBox::Cancel);
+          });
+    EXPECT_EQ(boxes.size(), 2u);
+    EXPECT_EQ(savedConfig(), saved);
+}
+
+// The rows from the interfaces (several addresses on one; one chosen but gone), the choices
+// in the dialog's order with their messages, and a configuration that cannot be written.
+TEST_F(TrayTest, SettingsApplyTellsWhatWaitsForTheNextStart) {
+    const std::vector<vlm::InterfaceAddress> interfaces{
+        {"Studio A", "AA:00:00:00:00:01", "10.0.0.5", "255.255.255.0"},
+        {"Studio A", "AA:00:00:00:00:01", "172.16.4.2", "255.255.0.0"},
+        {"Studio B", "BB:00:00:00:00:02", "192.168.7.9", "255.0.255.0"}};
+    build(R"({"mode": 4, "server": {"ip": "172.16.4.2"}, "discovery": {"filtering":
+        [{"hardware_id": "CC:00:00:00:00:09"}, {"hardware_id": "BB:00:00:00:00:02"}]}})");
+    auto settings = std::make_unique<Settings>(*agent, config, interfaces);
+    EXPECT_EQ(
+        settings->addressCombo->currentText() + QString::number(settings->addressCombo->count()),
+        "172.16.4.24");
+    EXPECT_EQ(rows(settings->discoveryModel, true),
+              "- All|- 10.0.0.x\t(Studio A)|- 172.16.x.x\t(Studio A)|X 192.x.7.x\t(Studio B)|"
+              "X CC:00:00:00:00:09\t(not available)|");
+    EXPECT_EQ(settings->modeCombo->itemData(2).toInt() * 10 + settings->modeCombo->currentIndex(),
+              42);
+    settings->discoveryModel->item(1)->setCheckState(Qt::Checked);  // one row chooses AA
+    settings->discoveryModel->item(4)->setCheckState(Qt::Unchecked);
+    settings->addressCombo->setCurrentIndex(0);
+    settings->modeCombo->setCurrentIndex(0);
+    settings->pluginModel->item(0)->setCheckState(Qt::Unchecked);
+    modal([&] { vlm::applySettings(*agent, settings->choices()); });
+    EXPECT_EQ(boxes, (Texts{"Web Server Address Changed | Web Server Address will be set next "
+                            "time this Agent starts | 1",
+                            "Mode Changed | Mode will be set to \"Master\" next time this Agent "
+                            "starts | 1",
+                            "Plug-ins Filtering Changed | Plug-ins filtering will be set next "
+                            "time this Agent starts | 1"}));
+    const std::string saved = savedConfig();
+    for (
+        const char* part :
+        {R"("server":{"ip":""})", R"("mode":1)",
+         R"("filtering":[{"hardware_id":"AA:00:00:00:00:01"},{"hardware_id":"BB:00:00:00:00:02"}])",
+         R"({"name":"disco_bonjour.dll","descr":"Default Device discovery via Bonjour","enabled":false})"})
+        EXPECT_NE(saved.find(part), std::string::npos) << part << "\n" << saved;
+    EXPECT_EQ(agent->mode, vlm::kModeHybrid);  // the running agent keeps its mode
+
+    settings = std::make_unique<Settings>(*agent, config, interfaces);
+    EXPECT_EQ(rows(settings->discoveryModel), "-XXX");
+    settings->discoveryModel->item(0)->setCheckState(Qt::Checked);  // "All" wins: ["0"]
+    EXPECT_EQ(settings->choices().discoveryFilter, Texts{"0"});
+    settings->modeCombo->setCurrentIndex(1);
+    boxes.clear();
+    modal([&] {
+        testing::internal::CaptureStdout();
+        std::make_unique<vlm::test::ReadOnlyFolder>(appData.path()),
+            vlm::applySettings(*agent, settings->choices());
+        testing::internal::GetCapturedStdout();
+    });
+    EXPECT_EQ(boxes, Texts{"Settings Not Saved | The settings could not be written to " +
+                           appData.file("config.json") +
+                           " (Permission denied). They stay as they were. | 2"});
+    EXPECT_EQ(savedConfig(), saved);
 }
 
 }  // namespace

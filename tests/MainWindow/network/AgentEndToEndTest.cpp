@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <xcb/xcb.h>
 
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 
@@ -49,18 +48,6 @@ int count(const std::string& text, const std::string& part) {
     int found = 0;
     for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
         ++found;
-    return found;
-}
-
-/// Processes of this machine whose command line holds text.
-std::vector<pid_t> processesWith(const std::string& text) {
-    std::vector<pid_t> found;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") == std::string::npos &&
-            readFile("/proc/" + name + "/cmdline").find(text) != std::string::npos)
-            found.push_back(std::stoi(name));
-    }
     return found;
 }
 
@@ -109,12 +96,13 @@ TEST(AgentEndToEnd, MasterAgentWithoutATray) {
     chmod(dir.file("bin/xdg-open").c_str(), 0755);
     writeFile(dir.file("bus.conf"), sessionBusConfig("unix:path=" + dir.file("bus")));
     HostProgram xvfb(net, "Xvfb " + x + " -screen 0 1024x768x24 -nolisten tcp");
-    HostProgram bus(
-        net, "dbus-daemon --nofork --nopidfile --config-file=" + shellQuote(dir.file("bus.conf")));
-    ASSERT_TRUE(
-        eventually([&] { return net.run("b", "xdpyinfo -display " + x + " >/dev/null 2>&1") == 0; },
-                   15s, kPoll));
-    ASSERT_TRUE(eventually([&] { return exists(dir.file("bus")); }, 10s, kPoll));
+    HostProgram bus(net, "dbus-daemon --nofork --config-file=" + shellQuote(dir.file("bus.conf")));
+    ASSERT_TRUE(eventually(
+        [&] {
+            return !net.run("b", "xdpyinfo -display " + x + " >/dev/null") &&
+                   exists(dir.file("bus"));
+        },
+        15s, kPoll));
     HostProgram recorder(
         net, shellQuote(NOTIFICATION_RECORDER) + " unix:path=" + shellQuote(dir.file("bus")));
     ASSERT_TRUE(recorder.child->waitForOutput("ready\n", 10s)) << recorder.child->errors();
@@ -147,18 +135,22 @@ TEST(AgentEndToEnd, MasterAgentWithoutATray) {
     std::string window;
     ASSERT_TRUE(eventually(
         [&] {
-            net.run("b", "export DISPLAY=" + x + "; for w in $(xdotool search --onlyvisible --name "
-                         "'^VELMOR$'); do xprop -id $w WM_HINTS | grep -q 'state is Iconic' && "
-                         "echo $w; done",
+            net.run("b",
+                    "export DISPLAY=" + x +
+                        "; for w in $(xdotool search --onlyvisible --name "
+                        "'^VELMOR$'); do xprop -id $w WM_HINTS | grep -q 'state is Iconic' && "
+                        "echo $w; done",
                     &window);
             return !window.empty();
         },
         15s, kPoll))
         << log();
     window.pop_back();
-    // No GL driver in the agent, and the browser gets the user's environment untouched.
+    // No GL driver in the agent, its texts in Carlito, and the browser gets the user's
+    // environment untouched.
     const std::string maps = readFile("/proc/" + std::to_string(agent.child->pid()) + "/maps");
     EXPECT_EQ(maps.find("/dri/"), std::string::npos);
+    EXPECT_NE(maps.find("Carlito"), std::string::npos);
     EXPECT_EQ(readFile(dir.file("browser.env")).find("QT_XCB_GL_INTEGRATION"), std::string::npos);
 
     // A second agent hands the first its request and leaves by itself.
@@ -169,21 +161,21 @@ TEST(AgentEndToEnd, MasterAgentWithoutATray) {
 
     // The engine child dies: restarted once and found again at the same address (no third
     // opening); dying again within 30 s, it is given up and the user told.
-    const std::string child = std::string("--apid\0", 7) + std::to_string(agent.child->pid());
-    ASSERT_EQ(processesWith(child).size(), 1u) << log();
-    const pid_t first = processesWith(child).front();
-    kill(first, SIGKILL);
-    ASSERT_TRUE(eventually(
-        [&] {
-            auto e = processesWith(child);
-            return e.size() == 1 && e.front() != first;
-        },
-        15s, kPoll))
+    auto engines = [&] {
+        std::string pids;
+        net.run("b", "pgrep -f -- '--apid " + std::to_string(agent.child->pid()) + "( |$)'", &pids);
+        return lines(pids);
+    };
+    ASSERT_EQ(engines().size(), 1u) << log();
+    const std::string first = engines().front();
+    kill(std::stoi(first), SIGKILL);
+    ASSERT_TRUE(
+        eventually([&] { return engines().size() == 1 && engines()[0] != first; }, 15s, kPoll))
         << log();
     EXPECT_TRUE(
         eventually([&] { return count(log(), "  Attached to " + own + "\n") == 2; }, 15s, kPoll))
         << log();
-    kill(processesWith(child).front(), SIGKILL);
+    kill(std::stoi(engines().front()), SIGKILL);
     const std::string died =
         "VELMOR\t\tLocal Server Died\tNo further attempts to revive local server as it crashes "
         "rapidly\t10000";
@@ -192,7 +184,7 @@ TEST(AgentEndToEnd, MasterAgentWithoutATray) {
     EXPECT_EQ(count(recorder.child->output(), "Server Lost\tDetached from " + own), 2);
     EXPECT_EQ(count(log(), "Trying to restart Engine process...\n"), 1) << log();
     EXPECT_EQ(count(log(), "Engine Process dies rapidly. No further attempt to restart\n"), 1);
-    EXPECT_FALSE(eventually([&] { return !processesWith(child).empty(); }, 1s, kPoll));
+    EXPECT_FALSE(eventually([&] { return !engines().empty(); }, 1s, kPoll));
     EXPECT_EQ(opened().size(), 2u);
 
     // The close button keeps the window in reach; "&Quit" in its menu bar ends the agent.
