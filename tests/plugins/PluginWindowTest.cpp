@@ -11,7 +11,6 @@
 #include <QPushButton>
 #include <atomic>
 #include <filesystem>
-#include <sstream>
 #include <thread>
 
 #include "Agent/Agent.h"
@@ -47,33 +46,24 @@ protected:
         setenv("VELMOR_CATALOGUE_HOST", catalogue.host().c_str(), 1);
         for (const char* file : {"first/proxy_tessel_1.9.so", "first/proxy_native_2.0.so",
                                  "second/proxy_local_3.1.so"}) {
-            std::filesystem::create_directories(
-                std::filesystem::path(root.file(file)).parent_path());
+            std::filesystem::create_directories(root.file(file).substr(0, root.path().size() + 7));
             test::writeFile(root.file(file), "");
         }
-        std::string plugins;
-        for (const char* line :
-             {"proxy_tessel release 2 proxy_tessel.dll", "proxy_native beta 1 proxy_native.dll",
-              "proxy_halden experimental 1 proxy_halden.dll",
-              "proxy_wavenet release 1 proxy_wavenet.dll", "disco_sap Beta 1 -",
-              "proxy_evil release 1 ../../evil.dll"}) {
-            std::istringstream in(line);
-            std::string name, certification, major, file;
-            in >> name >> certification >> major >> file;
-            plugins += std::string(plugins.empty() ? "" : ",") + R"({"Name":")" + name +
-                       R"(","URL":")" + catalogue.host() + R"(/files/","Description":"The )" +
-                       name + R"( plug-in","Contact":"dev@example.org","Certification":")" +
-                       certification + R"(","Major":)" + major + R"(,"Minor":5)" +
-                       (file == "-" ? "" : R"(,"Windows":")" + file + "\"") + "}";
-        }
-        catalogue.serve(
-            "/plugins.json",
-            R"({"Plugins":[)" + plugins +
-                R"(],"Images":[{"Name":"proxy_halden","Proxy":"proxy_halden","Vendor":"Halden",)"
-                R"("Product":"Stagebox","PNG_URL":")" +
-                catalogue.host() +
-                R"(/halden.png","ICNS_URL":""},{"Name":"proxy_tessel","Proxy":"proxy_tessel",)"
-                R"("Vendor":"Tessel","Product":"Box","PNG_URL":"","ICNS_URL":""}]})");
+        QString text = R"({"Plugins": [
+{"Name": "proxy_tessel", "Certification": "release", "Major": 2, "Windows": "proxy_tessel.dll"},
+{"Name": "proxy_native", "Certification": "beta", "Major": 1, "Windows": "proxy_native.dll"},
+{"Name": "proxy_halden", "Certification": "experimental", "Windows": "proxy_halden.dll"},
+{"Name": "proxy_wavenet", "Certification": "release", "Windows": "proxy_wavenet.dll"},
+{"Name": "disco_sap", "Certification": "Beta"},
+{"Name": "proxy_evil", "Certification": "release", "Windows": "../../evil.dll"}], "Images": [
+{"Name": "proxy_halden", "Proxy": "proxy_halden", "Vendor": "Halden", "Product": "Stagebox",
+ "PNG_URL": "HOST/halden.png"}, {"Name": "proxy_tessel", "Proxy": "proxy_tessel",
+ "Vendor": "Tessel", "Product": "Box"}]})";
+        text.replace(
+            "\"Certification\"",
+            R"("URL": "HOST/files/", "Description": "A plug-in", "Minor": 5, "Certification")");
+        catalogue.serve("/plugins.json",
+                        text.replace("HOST", catalogue.host().c_str()).toStdString());
         catalogue.serve("/files/proxy_halden.dll", "halden plug-in bytes");
         config.load();
         agent = std::make_unique<Agent>(config);

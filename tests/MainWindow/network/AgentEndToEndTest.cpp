@@ -137,15 +137,14 @@ TEST(AgentEndToEnd, MasterAgentWithoutATray) {
         [&] {
             net.run("b",
                     "export DISPLAY=" + x +
-                        "; for w in $(xdotool search --onlyvisible --name "
-                        "'^VELMOR$'); do xprop -id $w WM_HINTS | grep -q 'state is Iconic' && "
-                        "echo $w; done",
+                        "; exec 2>/dev/null; for w in $(xdotool search --onlyvisible --name '^VELMOR$'); "
+                        "do xprop -id $w WM_HINTS | grep -q 'state is Iconic' && echo $w; done",
                     &window);
-            return !window.empty();
+            window = window.substr(0, window.find('\n'));
+            return !window.empty() && window.find_first_not_of("0123456789") == std::string::npos;
         },
         15s, kPoll))
         << log();
-    window.pop_back();
     // No GL driver in the agent, its texts in Carlito, and the browser gets the user's
     // environment untouched.
     const std::string maps = readFile("/proc/" + std::to_string(agent.child->pid()) + "/maps");
