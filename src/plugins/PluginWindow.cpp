@@ -37,6 +37,10 @@ PluginWindow::PluginWindow(QWidget* parent)
     : QWidget(parent), folders_(std::make_shared<PluginFolders>()) {
     resize(800, 600);
     setWindowTitle("Plugin Manager");
+    // The table's lines and words are black by design: in a dark theme too, the table is a
+    // light sheet and the coloured labels keep black words.
+    setStyleSheet("#connectionLabel, #rowArea QLabel { color: black; } "
+                  "#rowArea { background-color: rgb(250, 250, 250); }");
 }
 
 PluginWindow::~PluginWindow() = default;
