@@ -4,6 +4,7 @@
 #include <QLabel>
 #include <QMenuBar>
 #include <QSystemTrayIcon>
+#include <QVBoxLayout>
 
 #include "AppConfig.h"
 #include "MainWindow/Tray.h"
@@ -32,11 +33,25 @@ void MainWindow::showWithoutTray() {
     for (QAction* action : tray_->menu->actions())
         if (!action->isSeparator() && action != tray_->titleAction)
             menuBar()->addAction(action);
-    auto* status = new QLabel(this);
+    auto* page = new QWidget(this);
+    auto* layout = new QVBoxLayout(page);
+    auto* icon = new QLabel(page);
+    icon->setPixmap(tray_->icon.pixmap(64, 64));
+    auto* status = new QLabel(page);
     status->setObjectName("status");
-    status->setAlignment(Qt::AlignCenter);
-    status->setWordWrap(true);
-    setCentralWidget(status);
+    QFont larger = status->font();
+    larger.setPointSizeF(larger.pointSizeF() * 1.3);
+    status->setFont(larger);
+    auto* hint =
+        new QLabel("This desktop shows no tray icons: the menu is in the bar above.", page);
+    hint->setWordWrap(true);
+    layout->addStretch(2);
+    for (QLabel* label : {icon, status, hint}) {
+        label->setAlignment(Qt::AlignCenter);
+        layout->addWidget(label);
+    }
+    layout->addStretch(3);
+    setCentralWidget(page);
     auto update = [this, status] {
         tray_->slotUpdatePopupMenu();
         status->setText(tray_->titleAction->text());

@@ -20,18 +20,15 @@ namespace {
 
 constexpr auto kPoll = 20ms;
 
-/// A program on a test host, asked to end (SIGTERM) before it is killed, so that Xvfb
-/// removes its lock and socket from the /tmp the hosts share with this machine.
+/// A program on host B, asked to end (SIGTERM) before it is killed, so that Xvfb removes its
+/// lock and socket from the /tmp the hosts share with this machine.
 struct HostProgram {
     HostProgram(const TestNet& net, const std::string& command)
         : child(net.start("b", {"sh", "-c", "exec " + command})) {}
-    ~HostProgram() { end(); }
-    std::optional<int> end() {
+    ~HostProgram() {
         child->kill(SIGTERM);
-        if (std::optional<int> status = child->wait(10s))
-            return status;
-        child->kill(SIGKILL);
-        return child->wait(5s);
+        if (!child->wait(10s))
+            child->kill(SIGKILL);
     }
     bool running() { return !child->wait(0ms).has_value(); }
     std::unique_ptr<Child> child;
@@ -54,19 +51,14 @@ int count(const std::string& text, const std::string& part) {
 /// The close button, as a window manager reports it: WM_DELETE_WINDOW.
 void pressCloseButton(int display, std::uint32_t window) {
     xcb_connection_t* x = xcb_connect((":" + std::to_string(display)).c_str(), nullptr);
-    auto atom = [x](const char* name) {
-        xcb_intern_atom_reply_t* reply = xcb_intern_atom_reply(
-            x, xcb_intern_atom(x, 0, static_cast<std::uint16_t>(std::strlen(name)), name), nullptr);
-        const xcb_atom_t found = reply ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
+    xcb_atom_t atoms[2] = {};
+    for (const char* name : {"WM_PROTOCOLS", "WM_DELETE_WINDOW"}) {
+        auto* reply = xcb_intern_atom_reply(x, xcb_intern_atom(x, 0, std::strlen(name), name), 0);
+        atoms[name[3] == 'D'] = reply ? reply->atom : 0;
         std::free(reply);
-        return found;
-    };
-    xcb_client_message_event_t event{};
-    event.response_type = XCB_CLIENT_MESSAGE;
-    event.format = 32;
-    event.window = window;
-    event.type = atom("WM_PROTOCOLS");
-    event.data.data32[0] = atom("WM_DELETE_WINDOW");
+    }
+    xcb_client_message_event_t event{XCB_CLIENT_MESSAGE, 32, 0, window, atoms[0], {}};
+    event.data.data32[0] = atoms[1];
     xcb_send_event(x, 0, window, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&event));
     xcb_flush(x);
     xcb_disconnect(x);
@@ -137,7 +129,8 @@ TEST(AgentEndToEnd, MasterAgentWithoutATray) {
         [&] {
             net.run("b",
                     "export DISPLAY=" + x +
-                        "; exec 2>/dev/null; for w in $(xdotool search --onlyvisible --name '^VELMOR$'); "
+                        "; exec 2>/dev/null; for w in $(xdotool search --onlyvisible --name "
+                        "'^VELMOR$'); "
                         "do xprop -id $w WM_HINTS | grep -q 'state is Iconic' && echo $w; done",
                     &window);
             window = window.substr(0, window.find('\n'));

@@ -10,8 +10,7 @@
 
 namespace {
 
-class Recorder : public QDBusVirtualObject {
-public:
+struct Recorder : QDBusVirtualObject {
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
         const QList<QVariant> args = message.arguments();
         if (message.member() != "Notify" || args.size() != 8)
@@ -25,8 +24,6 @@ public:
         return true;
     }
     QString introspect(const QString&) const override { return {}; }
-
-private:
     uint lastId_ = 0;
 };
 
@@ -34,8 +31,6 @@ private:
 
 int main(int argc, char* argv[]) {
     QCoreApplication application(argc, argv);
-    if (argc != 2)
-        return 2;
     QDBusConnection bus = QDBusConnection::connectToBus(QString::fromLocal8Bit(argv[1]), "bus");
     Recorder recorder;
     if (!bus.registerVirtualObject("/org/freedesktop/Notifications", &recorder) ||
