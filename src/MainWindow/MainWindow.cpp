@@ -10,12 +10,18 @@
 #include "MainWindow/Tray.h"
 #include "Roles.h"
 
+// The program's icon lives in a static library: its registration must be pulled in by name.
+static void initProgramResources() {
+    Q_INIT_RESOURCE(velmor);
+}
+
 namespace vlm {
 
 std::function<bool()> darkModeQuery = [] { return false; };
 
 MainWindow::MainWindow(Agent& agent, bool startAgent, std::optional<bool> trayAvailable) {
     instance_ = this;
+    initProgramResources();
     setWindowFlags((windowFlags() & ~Qt::WindowMaximizeButtonHint) |
                    Qt::MSWindowsFixedSizeDialogHint);
     tray_ = std::make_unique<Tray>(*this, agent, startAgent);

@@ -18,44 +18,14 @@ public:
     /// Answers one request; the connection is closed when it returns.
     using Handler = std::function<void(Socket& socket, const std::string& request)>;
 
-    LoopbackHttpServer() {
-        thread_ = std::thread([this] {
-            for (;;) {
-                Socket socket(context_);
-                boost::system::error_code error;
-                acceptor_.accept(socket, error);
-                boost::asio::streambuf buffer(64 * 1024);
-                boost::asio::read_until(socket, buffer, "\r\n\r\n", error);
-                const std::string request(boost::asio::buffers_begin(buffer.data()),
-                                          boost::asio::buffers_end(buffer.data()));
-                const std::size_t from = request.find(' ') + 1;
-                const std::string path = request.substr(from, request.find(' ', from) - from);
-                Handler handler = [](Socket& s, auto&) {
-                    writeAll(s, response(404, "<html><body><h1>404 Not Found</h1></body></html>"));
-                };
-                {
-                    std::lock_guard<std::mutex> lock(mutex_);
-                    if (stopping_)
-                        return;
-                    requests_.push_back(request);
-                    if (handlers_.count(path))
-                        handler = handlers_[path];
-                }
-                handler(socket, request);
-                socket.shutdown(Socket::shutdown_both, error);
-            }
-        });
-    }
+    LoopbackHttpServer() : thread_([this] { run(); }) {}
     ~LoopbackHttpServer() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stopping_ = true;
-        }
+        handle("", nullptr);  // a handler-less path: the sign to stop
         // A blocking accept does not wake when the acceptor closes: wake it with a request.
         Socket waker(context_);
         boost::system::error_code ignored;
         waker.connect(acceptor_.local_endpoint(), ignored);
-        writeAll(waker, "GET / HTTP/1.0\r\n\r\n");
+        writeAll(waker, "GET  HTTP/1.0\r\n\r\n");
         thread_.join();
     }
 
@@ -87,14 +57,40 @@ public:
     }
 
 private:
+    void run() {
+        for (;;) {
+            Socket socket(context_);
+            boost::system::error_code error;
+            acceptor_.accept(socket, error);
+            boost::asio::streambuf buffer(64 * 1024);
+            boost::asio::read_until(socket, buffer, "\r\n\r\n", error);
+            const std::string request(boost::asio::buffers_begin(buffer.data()),
+                                      boost::asio::buffers_end(buffer.data()));
+            const std::size_t from = request.find(' ') + 1;
+            const std::string path = request.substr(from, request.find(' ', from) - from);
+            Handler handler = [](Socket& s, auto&) {
+                writeAll(s, response(404, "<html><body><h1>404 Not Found</h1></body></html>"));
+            };
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (handlers_.count("") && path.empty())
+                    return;
+                requests_.push_back(request);
+                if (handlers_.count(path))
+                    handler = handlers_[path];
+            }
+            handler(socket, request);
+            socket.shutdown(Socket::shutdown_both, error);
+        }
+    }
+
     boost::asio::io_context context_;
     boost::asio::ip::tcp::acceptor acceptor_{context_,
                                              {boost::asio::ip::address_v4::loopback(), 0}};
     std::mutex mutex_;
     std::map<std::string, Handler> handlers_;
     std::vector<std::string> requests_;
-    bool stopping_ = false;
-    std::thread thread_;
+    std::thread thread_;  // last: starts when everything else is there
 };
 
 }  // namespace vlm::test
