@@ -39,8 +39,9 @@ PluginWindow::PluginWindow(QWidget* parent)
     setWindowTitle("Plugin Manager");
     // The table's lines and words are black by design: in a dark theme too, the table is a
     // light sheet and the coloured labels keep black words.
-    setStyleSheet("#connectionLabel, #rowArea QLabel { color: black; } "
-                  "#rowArea { background-color: rgb(250, 250, 250); }");
+    setStyleSheet(
+        "#connectionLabel, #rowArea QLabel { color: black; } "
+        "#rowArea { background-color: rgb(250, 250, 250); }");
 }
 
 PluginWindow::~PluginWindow() = default;
