@@ -76,13 +76,6 @@ RowDisplay::RowDisplay(const CatalogueEntry& entry, int y, bool lastRow, bool do
     downloadButton_->setObjectName("downloadButton");
     downloadButton_->setGeometry(440, 0, 120, h);
     connect(downloadButton_, &QPushButton::released, this, &RowDisplay::download);
-    // The status words must fit the narrow columns on any desktop font.
-    QFont narrow = font();
-    narrow.setPointSizeF(narrow.pointSizeF() * 0.85);
-    for (QWidget* widget :
-         {static_cast<QWidget*>(stability_), static_cast<QWidget*>(status_),
-          static_cast<QWidget*>(progress_), static_cast<QWidget*>(downloadButton_)})
-        widget->setFont(narrow);
 
     const int pictureX[] = {560, 680};
     const int pictureWidth[] = {120, 100};
