@@ -139,7 +139,7 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     EXPECT_EQ(texts(window->menuBar()->actions()), Texts{"App"});
     EXPECT_FALSE(window->windowFlags() & Qt::WindowMaximizeButtonHint);
     EXPECT_FALSE(window->isVisible() || window->close());  // only an anchor; closing hides it
-    EXPECT_TRUE(tray->trayIcon->isVisible() && !tray->trayIcon->icon().isNull());
+    EXPECT_TRUE(tray->trayIcon->isVisible() && !tray->trayIcon->icon().pixmap(16).isNull());
     const QMetaObject* meta = tray->metaObject();
     std::string methods;
     for (int i = meta->methodOffset(); i < meta->methodCount(); ++i)
