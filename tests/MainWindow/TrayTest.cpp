@@ -167,6 +167,7 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     EXPECT_TRUE(window->isVisible() && window->isMinimized());
     EXPECT_EQ(window->size(), QSize(480, 320));
     auto* status = window->findChild<QLabel*>("status");
+    ASSERT_TRUE(status);
     EXPECT_EQ(status->text(), "VELMOR - No Server Running");
     agent->attachedServer = "10.0.0.5:8080";
     tray->onAttached("10.0.0.5:8080");
