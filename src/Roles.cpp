@@ -95,6 +95,8 @@ int runAgent(QApplication& application, const MainWindowFactory& makeMainWindow)
     printBanner();
     dpiScale = static_cast<float>(QApplication::desktop()->logicalDpiX()) / 96.0f;
 
+    // Where Calibri is missing, its metric twin keeps every text at its designed width.
+    QFont::insertSubstitution("Calibri", "Carlito");
     QFont font("Calibri", 10, -1, false);
     // Monospace hint with a proportional family is how the agent has always looked.
     font.setStyleHint(QFont::Monospace, QFont::PreferDefault);

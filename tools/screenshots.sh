@@ -1,9 +1,11 @@
 #!/bin/bash
 # Captures the agent's splash, its open tray menu, and the settings dialog and about box opened
-# from that menu, light and dark, under Xvfb with trayer as the tray host. The agent runs on a
-# test host (tools/testnet/testnet.sh): the settings dialog lists the host's addresses
+# from that menu, light and dark, under Xvfb with trayer as the tray host (checking that the
+# icon is embedded and no main window shows); then, with trayer gone, the main window that
+# stands in for the tray; and the plug-in manager (plugin_manager_shot, offscreen). The agent
+# runs on a test host (tools/testnet/testnet.sh): the settings dialog lists the host's addresses
 # (10.77.0.1) instead of this machine's, and its DNS-SD browsing reaches only the test network.
-# Mode 2, so no engine starts.
+# Mode 2, so no engine starts. Every text is in Carlito (fonts-crosextra-carlito).
 # Usage: tools/screenshots.sh [build dir] [output dir]
 #   root (network namespaces); needs xvfb x11-utils trayer imagemagick xdotool, the test-network
 #   packages (avahi-daemon dbus iproute2), and VELMOR and libvelmor_dnssd.so in the build dir.
@@ -12,7 +14,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 build=$(realpath "${1:-build}")
 out=$(realpath "${2:-docs}")
 [ "$(id -u)" -eq 0 ] || { echo "screenshots: needs root (test host in a network namespace)" >&2; exit 1; }
-for file in VELMOR libvelmor_dnssd.so; do
+for file in VELMOR libvelmor_dnssd.so plugin_manager_shot; do
     [ -e "$build/$file" ] || { echo "screenshots: $build/$file is missing" >&2; exit 1; }
 done
 work=$(mktemp -d)
@@ -42,7 +44,8 @@ wait_for() { # command, tenths of a second
 wait_for "xdpyinfo" 50
 trayer --edge top --align right --widthtype request --height 32 --transparent false \
     --tint 0x808080 >"$work/trayer.log" 2>&1 &
-pids+=($!)
+trayer=$!
+pids+=($trayer)
 wait_for "xwininfo -root -tree | grep -q '\"panel\"'" 50
 
 # Two hosts are the least a test network has; the agent runs on a (10.77.0.1), b stays idle.
@@ -80,16 +83,26 @@ capture_entry() { # accelerator key, window title, file
     wait_for "[ -z \"\$(titled $2)\" ]" 50
 }
 
-for theme in ${THEMES:-light dark}; do
-    mkdir -p "$work/$theme/app/Corvane Technologies/velmor" "$work/$theme/run"
-    chmod 700 "$work/$theme/run"
-    echo '{"mode": 2}' >"$work/$theme/app/Corvane Technologies/velmor/config.json"
+# The main window that stands in for the tray: visible, with the iconic (minimised) hint.
+main_window() {
+    for w in $(xdotool search --onlyvisible --name '^VELMOR$' 2>/dev/null); do
+        xprop -id "$w" WM_HINTS 2>/dev/null | grep -q 'state is Iconic' && echo "$w"
+    done | head -1
+}
+start_agent() { # theme
+    mkdir -p "$work/$1/app/Corvane Technologies/velmor" "$work/$1/run"
+    chmod 700 "$work/$1/run"
+    echo '{"mode": 2}' >"$work/$1/app/Corvane Technologies/velmor/config.json"
     # nsenter runs the agent in place of testnet.sh, so $! is the agent.
-    APPDATA="$work/$theme/app" XDG_RUNTIME_DIR="$work/$theme/run" \
-        VELMOR_ENGINE_PORT=0 VELMOR_THEME=$theme \
-        "$here/testnet/testnet.sh" run "$net" a "$build/VELMOR" >"$work/$theme.log" 2>&1 &
+    APPDATA="$work/$1/app" XDG_RUNTIME_DIR="$work/$1/run" \
+        VELMOR_ENGINE_PORT=0 VELMOR_THEME=$1 \
+        "$here/testnet/testnet.sh" run "$net" a "$build/VELMOR" >"$work/$1.log" 2>&1 &
     agent=$!
     pids+=("$agent")
+}
+
+for theme in ${THEMES:-light dark}; do
+    start_agent "$theme"
     # The splash is the agent's largest top-level window; it stays a few seconds in mode 2.
     splash_of() { xwininfo -root -tree | awk '/"VELMOR": \("VELMOR"/ && $0 ~ /[0-9]+x[0-9]+\+[0-9]+\+[0-9]+/ {split($0,a,/ +/); for(i in a) if (a[i] ~ /^[0-9]+x[0-9]+\+/) {split(a[i],d,/[x+]/); if (d[1]>300 && d[2]>200) print a[2]}}' | head -1; }
     wait_for '[ -n "$(splash_of)" ]' 100 || { cat "$work/$theme.log" >&2; exit 1; }
@@ -97,6 +110,7 @@ for theme in ${THEMES:-light dark}; do
     grab "$(splash_of)" "$out/splash-$theme.png"
     # The tray icon appears once the splash has closed after the search.
     wait_for '[ -z "$(splash_of)" ]' 250
+    [ -z "$(main_window)" ] || { echo "a main window shows beside the tray" >&2; exit 1; }
     grab "$(open_menu)" "$out/tray-menu-$theme.png"
     capture_entry s Settings "$out/settings-$theme.png"
     open_menu >/dev/null
@@ -105,4 +119,18 @@ for theme in ${THEMES:-light dark}; do
     kill "$agent"
     wait "$agent" 2>/dev/null || true
 done
-echo "saved $out/{splash,tray-menu,settings,about}-{light,dark}.png"
+
+# No tray host: the main window carries the menu's actions.
+kill "$trayer"
+wait_for "! xwininfo -root -tree | grep -q '\"panel\"'" 50
+for theme in ${THEMES:-light dark}; do
+    start_agent "$theme"
+    wait_for '[ -n "$(main_window)" ]' 250 || { cat "$work/$theme.log" >&2; exit 1; }
+    sleep 0.5 # let the first frame paint
+    grab "$(main_window)" "$out/no-tray-$theme.png"
+    kill "$agent"
+    wait "$agent" 2>/dev/null || true
+    QT_QPA_PLATFORM=offscreen VELMOR_THEME=$theme "$build/plugin_manager_shot" \
+        "$out/plugin-manager-$theme.png" >/dev/null
+done
+echo "saved $out/{splash,tray-menu,settings,about,no-tray,plugin-manager}-{light,dark}.png"

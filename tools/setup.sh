@@ -13,7 +13,8 @@ shift || true
 
 build_packages=(build-essential cmake ninja-build pkg-config qtbase5-dev
   libboost-system-dev libboost-thread-dev libboost-filesystem-dev rapidjson-dev
-  libcurl4-openssl-dev libavahi-compat-libdnssd-dev libgtest-dev libgmock-dev)
+  libcurl4-openssl-dev libavahi-compat-libdnssd-dev libgtest-dev libgmock-dev
+  fonts-crosextra-carlito)
 test_packages=(avahi-daemon avahi-utils dbus iproute2 xvfb x11-utils trayer imagemagick xdotool wrk clang clang-format
   libclang-rt-14-dev procps psmisc curl chromium fonts-dejavu-core lintian g++-mingw-w64-x86-64-posix
   systemd fonts-crosextra-carlito)

@@ -1,22 +1,70 @@
 #include "MainWindow/MainWindow.h"
 
 #include <QCloseEvent>
+#include <QLabel>
 #include <QMenuBar>
+#include <QSystemTrayIcon>
+#include <QVBoxLayout>
 
 #include "AppConfig.h"
 #include "MainWindow/Tray.h"
 #include "Roles.h"
 
+// The program's icon lives in a static library: its registration must be pulled in by name.
+static void initProgramResources() {
+    Q_INIT_RESOURCE(velmor);
+}
+
 namespace vlm {
 
 std::function<bool()> darkModeQuery = [] { return false; };
 
-MainWindow::MainWindow(Agent& agent, bool startAgent) {
+MainWindow::MainWindow(Agent& agent, bool startAgent, std::optional<bool> trayAvailable) {
     instance_ = this;
+    initProgramResources();
     setWindowFlags((windowFlags() & ~Qt::WindowMaximizeButtonHint) |
                    Qt::MSWindowsFixedSizeDialogHint);
     tray_ = std::make_unique<Tray>(*this, agent, startAgent);
     resize(static_cast<int>(480 * dpiScale), static_cast<int>(320 * dpiScale));
+    withoutTray_ = !trayAvailable.value_or(QSystemTrayIcon::isSystemTrayAvailable());
+    if (withoutTray_)
+        showWithoutTray();
+}
+
+void MainWindow::showWithoutTray() {
+    // No tray to open the menu from: the window stays in the desktop's window list with the
+    // menu's actions in its menu bar, and a line that says what the menu's title would.
+    setWindowTitle("VELMOR");
+    menuBar()->clear();
+    for (QAction* action : tray_->menu->actions())
+        if (!action->isSeparator() && action != tray_->titleAction)
+            menuBar()->addAction(action);
+    auto* page = new QWidget(this);
+    auto* layout = new QVBoxLayout(page);
+    auto* icon = new QLabel(page);
+    icon->setPixmap(tray_->icon.pixmap(64, 64));
+    auto* status = new QLabel(page);
+    status->setObjectName("status");
+    QFont larger = status->font();
+    larger.setPointSizeF(larger.pointSizeF() * 1.3);
+    status->setFont(larger);
+    auto* hint =
+        new QLabel("This desktop shows no tray icons: the menu is in the bar above.", page);
+    hint->setWordWrap(true);
+    layout->addStretch(2);
+    for (QLabel* label : {icon, status, hint}) {
+        label->setAlignment(Qt::AlignCenter);
+        layout->addWidget(label);
+    }
+    layout->addStretch(3);
+    setCentralWidget(page);
+    auto update = [this, status] {
+        tray_->slotUpdatePopupMenu();
+        status->setText(tray_->titleAction->text());
+    };
+    update();
+    connect(tray_.get(), &Tray::signalAttachChanged, status, update, Qt::QueuedConnection);
+    showMinimized();
 }
 
 MainWindow::~MainWindow() {
@@ -26,9 +74,13 @@ MainWindow::~MainWindow() {
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
-    // Only "&Quit" ends the agent; the window merely goes out of sight.
+    // Only "&Quit" ends the agent; the window merely goes out of sight, and without a tray
+    // it stays within reach in the window list.
     event->ignore();
-    hide();
+    if (withoutTray_)
+        showMinimized();
+    else
+        hide();
 }
 
 int showMessageBox(QWidget* parent, const QString& title, const QString& text,

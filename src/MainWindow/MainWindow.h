@@ -5,6 +5,7 @@
 #include <QMessageBox>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "Agent/Agent.h"
 
@@ -21,10 +22,14 @@ public:
     class About;
 
     /// startAgent: run the agent's start-up from the tray (tests build the window without it).
-    explicit MainWindow(Agent& agent, bool startAgent = true);
+    /// trayAvailable: whether the desktop shows a tray; asked of the desktop when not given.
+    explicit MainWindow(Agent& agent, bool startAgent = true,
+                        std::optional<bool> trayAvailable = std::nullopt);
     ~MainWindow() override;
 
     Tray* tray() const { return tray_.get(); }
+    /// True where the desktop has no tray and this window stands in for it.
+    bool withoutTray() const { return withoutTray_; }
 
     static MainWindow* instance() { return instance_; }
 
@@ -32,8 +37,11 @@ protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
+    void showWithoutTray();
+
     static inline MainWindow* instance_ = nullptr;
     std::unique_ptr<Tray> tray_;
+    bool withoutTray_ = false;
 };
 
 /// Tells whether the desktop is dark; the theme installs its query.

@@ -165,7 +165,7 @@ MainWindow::Settings::Settings(Agent& agent, AppConfig& config,
                             QString::fromStdString(id), true);
     discoveryList = checkList(discoveryModel, this);
     connect(discoveryList, &QListView::clicked, this, &Settings::discoveryClicked);
-    layout->addWidget(discoveryList);
+    layout->addWidget(discoveryList, 1);
 
     layout->addSpacing(kSpacing);
     layout->addWidget(new QLabel("Plug-ins Filter:", this));
@@ -177,11 +177,18 @@ MainWindow::Settings::Settings(Agent& agent, AppConfig& config,
                               "\t" + QString::fromStdString(entry.descr));
         row->setCheckable(true);
         row->setCheckState(entry.enabled ? Qt::Checked : Qt::Unchecked);
+        row->setToolTip(QString::fromStdString(entry.descr));
         pluginModel->appendRow(row);
     }
     pluginList = checkList(pluginModel, this);
+    // Long descriptions end in "..." rather than under a second scroll bar; the tip has them.
+    pluginList->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    pluginList->setTextElideMode(Qt::ElideRight);
     connect(pluginList, &QListView::clicked, this, &Settings::pluginClicked);
-    layout->addWidget(pluginList);
+    // Space toggles a check box as a click does; either way the list handed back follows it.
+    connect(pluginModel, &QStandardItemModel::itemChanged, this, &Settings::pluginChanged);
+    // The plug-in table is long and the discovery list short: the plug-ins get the room.
+    layout->addWidget(pluginList, 3);
 
     layout->addSpacing(kSpacing);
     auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, this);
@@ -212,9 +219,13 @@ void MainWindow::Settings::discoveryClicked(const QModelIndex& index) {
     }
 }
 
-void MainWindow::Settings::pluginClicked(const QModelIndex& index) {
+void MainWindow::Settings::pluginClicked(const QModelIndex&) {
     // A click counts as a change even when it restores the first state.
-    plugins[index.row()].enabled = pluginModel->item(index.row())->checkState() == Qt::Checked;
+    pluginsChanged = true;
+}
+
+void MainWindow::Settings::pluginChanged(QStandardItem* item) {
+    plugins[static_cast<std::size_t>(item->row())].enabled = item->checkState() == Qt::Checked;
     pluginsChanged = true;
 }
 

@@ -14,6 +14,7 @@ class QComboBox;
 class QListView;
 class QModelIndex;
 class QNetworkInterface;
+class QStandardItem;
 class QStandardItemModel;
 
 namespace vlm {
@@ -70,6 +71,7 @@ public:
 private:
     void discoveryClicked(const QModelIndex& index);
     void pluginClicked(const QModelIndex& index);
+    void pluginChanged(QStandardItem* item);
 };
 
 /// Item data role of a discovery row's hardware address.

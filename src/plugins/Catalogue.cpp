@@ -132,9 +132,11 @@ const char* stabilityWord(int stability) {
 }
 
 bool isPlainFileName(const std::string& name) {
+    // One path component that names a file in the folder itself: "a..b.dll" is such a name,
+    // "..", "sub/x.dll" or "/x.dll" are not.
     if (name.empty() || name == "." || name == "..")
         return false;
-    if (name.find_first_of("/\\") != std::string::npos || name.find("..") != std::string::npos)
+    if (name.find_first_of("/\\") != std::string::npos)
         return false;
     // "C:evil.dll" is relative to the drive's current folder on Windows.
     if (name.find(':') != std::string::npos)

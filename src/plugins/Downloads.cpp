@@ -4,10 +4,10 @@
 #include <QLabel>
 #include <QPixmap>
 #include <QPushButton>
+#include <QSaveFile>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
+#include <ostream>
 #include <thread>
 
 #include "Log.h"
@@ -22,6 +22,34 @@ std::string inFolder(std::string folder, const std::string& fileName) {
         folder += '/';
     return folder + fileName;
 }
+
+/// The body's bytes into a file that appears under its name only when complete: a cut-off
+/// transfer never leaves a truncated plug-in or picture.
+class CompleteFile : private std::streambuf, public std::ostream {
+public:
+    explicit CompleteFile(const std::string& path)
+        : std::ostream(this), file_(QString::fromStdString(path)) {
+        if (!file_.open(QIODevice::WriteOnly))
+            setstate(std::ios::badbit);
+    }
+    bool isOpen() const { return file_.isOpen(); }
+    /// True when the file is in place under its name.
+    bool commit() { return good() && file_.commit(); }
+
+private:
+    std::streamsize xsputn(const char* data, std::streamsize size) override {
+        return file_.write(data, size) == size ? size : 0;
+    }
+    std::streambuf::int_type overflow(std::streambuf::int_type c) override {
+        using traits = std::streambuf::traits_type;
+        if (traits::eq_int_type(c, traits::eof()))
+            return traits::not_eof(c);
+        const char byte = traits::to_char_type(c);
+        return file_.write(&byte, 1) == 1 ? c : traits::eof();
+    }
+
+    QSaveFile file_;
+};
 
 /// Runs worker on a detached thread that owns it. The worker leaves the GUI thread first, so
 /// that deleting it there is legitimate; its queued signals still reach the GUI thread.
@@ -51,24 +79,30 @@ void downloadWorker::run() {
     }
     auto [host, path] = splitAddress(url_ + fileName_);
     bool opened = false;
+    bool written = false;
     // The catalogue reader refuses such names already; a worker never writes outside.
     if (isPlainFileName(fileName_)) {
         for (const std::string& folder : folders) {
             const std::string target = inFolder(folder, fileName_);
             std::printf("%s\nGetting %s --%s\n", target.c_str(), host.c_str(), path.c_str());
             std::fflush(stdout);
-            std::ofstream file(target, std::ios::binary | std::ios::trunc);
-            if (!file) {
+            CompleteFile file(target);
+            if (!file.isOpen()) {
                 VLM_LOG(4, "Cannot write plug-in file %s\n", target.c_str());
                 continue;
             }
             opened = true;
-            if (!httpGet(host, path, file))
-                VLM_LOG(4, "Download of %s%s failed\n", host.c_str(), path.c_str());
+            if (httpGet(host, path, file) && file.commit())
+                written = true;
+            else
+                VLM_LOG(4, "Download of %s%s into %s failed\n", host.c_str(), path.c_str(),
+                        target.c_str());
         }
     }
     if (!opened)
         emit signalUpdateText("File Open\nError");
+    if (written)
+        emit signalFileWritten();
     emit signalDownloadEnd();
 }
 
@@ -79,18 +113,11 @@ void pictureWorker::run() {
     auto [host, path] = splitAddress(address_);
     for (const QString& folder : folders_) {
         const std::string target = inFolder(folder.toStdString(), fileName_);
-        // A half-written picture must never be taken for a picture.
-        const std::string partial = target + ".part";
-        std::ofstream file(partial, std::ios::binary | std::ios::trunc);
-        if (!file)
+        CompleteFile file(target);
+        if (!file.isOpen())
             continue;
-        const bool fetched = httpGet(host, path, file);
-        file.close();
-        std::error_code error;
-        if (fetched && file)
-            std::filesystem::rename(partial, target, error);
-        else
-            std::filesystem::remove(partial, error);
+        if (!httpGet(host, path, file) || !file.commit())
+            VLM_LOG(4, "Picture %s%s not fetched\n", host.c_str(), path.c_str());
         break;
     }
     emit signalFetched();

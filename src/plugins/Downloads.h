@@ -38,6 +38,8 @@ public:
 
 signals:
     void signalUpdateText(QString Q);
+    /// At least one plug-in folder holds the complete file; comes before signalDownloadEnd.
+    void signalFileWritten();
     void signalDownloadEnd();
 
 private:

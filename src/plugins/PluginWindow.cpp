@@ -5,11 +5,11 @@
 #include <QLabel>
 #include <QPushButton>
 #include <QScrollArea>
-#include <cstdlib>
 #include <mutex>
 #include <sstream>
 
 #include "Agent/Agent.h"
+#include "AppConfig.h"
 #include "plugins/HttpGet.h"
 #include "plugins/RowDisplay.h"
 
@@ -37,6 +37,11 @@ PluginWindow::PluginWindow(QWidget* parent)
     : QWidget(parent), folders_(std::make_shared<PluginFolders>()) {
     resize(800, 600);
     setWindowTitle("Plugin Manager");
+    // The table's lines and words are black by design: in a dark theme too, the table is a
+    // light sheet and the coloured labels keep black words.
+    setStyleSheet(
+        "#connectionLabel, #rowArea QLabel { color: black; } "
+        "#rowArea { background-color: rgb(250, 250, 250); }");
 }
 
 PluginWindow::~PluginWindow() = default;
@@ -150,11 +155,11 @@ void PluginWindow::rebuildRows() {
     rowScroll_->setWidget(area);
 }
 
-const QStringList& pictureDirectories() {
-    static const QStringList folders = [] {
+const QStringList& pictureDirectories(const AppConfig& config) {
+    static const QStringList folders = [&config] {
         QStringList list;
-        const char* appData = std::getenv("APPDATA");
-        list << QString(appData ? appData : "") + "/Corvane Technologies/velmor/pictures/";
+        // The configuration's own folder: APPDATA where set, else the user's XDG folder.
+        list << QString::fromStdString(config.picturesFolder) + "/";
         const QString executable = QCoreApplication::applicationFilePath().left(260);
         const int at = executable.lastIndexOf("VELMOR");
         if (at >= 0 && QFileInfo(executable).fileName() == "VELMOR")
@@ -165,7 +170,7 @@ const QStringList& pictureDirectories() {
 }
 
 void showPluginsManager(std::unique_ptr<PluginWindow>& window, Agent& agent) {
-    const QStringList& pictures = pictureDirectories();
+    const QStringList& pictures = pictureDirectories(agent.configuration());
     window.reset();
     window = std::make_unique<PluginWindow>();
     if (json::DocumentPtr configuration = agent.queryServer("$"))

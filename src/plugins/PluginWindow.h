@@ -19,6 +19,7 @@ class QScrollArea;
 namespace vlm {
 
 class Agent;
+class AppConfig;
 class RowDisplay;
 
 /// \brief Top-level plug-in manager window at fixed pixel positions.
@@ -66,9 +67,9 @@ private:
     bool engineStarted_ = false;
 };
 
-/// The process-wide picture folders, filled on first use: the per-user pictures folder, then
-/// the "pictures" folder beside the executable when it runs as VELMOR.
-const QStringList& pictureDirectories();
+/// The process-wide picture folders, filled on first use: the configuration's per-user
+/// pictures folder, then the "pictures" folder beside the executable when it runs as VELMOR.
+const QStringList& pictureDirectories(const AppConfig& config);
 
 /// Replaces window with a new plug-in manager on the attached server's configuration and
 /// shows it.

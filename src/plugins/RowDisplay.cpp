@@ -50,7 +50,12 @@ QString cellStyle(bool top, bool bottom, bool left, bool right, const QString& e
 
 RowDisplay::RowDisplay(const CatalogueEntry& entry, int y, bool lastRow, bool downloaded,
                        std::shared_ptr<PluginFolders> folders, QWidget* parent)
-    : QWidget(parent), entry_(entry), y_(y), downloaded_(downloaded), folders_(std::move(folders)) {
+    : QWidget(parent),
+      entry_(entry),
+      y_(y),
+      lastRow_(lastRow),
+      downloaded_(downloaded),
+      folders_(std::move(folders)) {
     setObjectName(QString::fromStdString(entry_.name));
     setGeometry(0, y_, 800, height_);
     const int h = height_;
@@ -71,13 +76,6 @@ RowDisplay::RowDisplay(const CatalogueEntry& entry, int y, bool lastRow, bool do
     downloadButton_->setObjectName("downloadButton");
     downloadButton_->setGeometry(440, 0, 120, h);
     connect(downloadButton_, &QPushButton::released, this, &RowDisplay::download);
-    // The status words must fit the narrow columns on any desktop font.
-    QFont narrow = font();
-    narrow.setPointSizeF(narrow.pointSizeF() * 0.85);
-    for (QWidget* widget :
-         {static_cast<QWidget*>(stability_), static_cast<QWidget*>(status_),
-          static_cast<QWidget*>(progress_), static_cast<QWidget*>(downloadButton_)})
-        widget->setFont(narrow);
 
     const int pictureX[] = {560, 680};
     const int pictureWidth[] = {120, 100};
@@ -119,7 +117,7 @@ void RowDisplay::showStatus() {
             break;
         case RowStatus::NotAvailable:
             status_->setText("N/A FOR YOUR\nSYSTEM");
-            status_->setStyleSheet(cellStyle(false, false, false, true, "text-align: center;"));
+            status_->setStyleSheet(cellStyle(false, lastRow_, false, true, "text-align: center;"));
             break;
     }
 }
@@ -134,6 +132,7 @@ void RowDisplay::download() {
     progress_->show();
     auto* worker = new downloadWorker(entry_, folders_);
     connect(worker, &downloadWorker::signalUpdateText, this, &RowDisplay::slotUpdateText);
+    connect(worker, &downloadWorker::signalFileWritten, this, [this] { fileWritten_ = true; });
     connect(worker, &downloadWorker::signalDownloadEnd, this, &RowDisplay::slotDownloadEnd);
     downloadWorker::start(worker);
 }
@@ -145,11 +144,18 @@ void RowDisplay::slotUpdateText(QString Q) {
 }
 
 void RowDisplay::slotDownloadEnd() {
+    // Without a file in place there is nothing to restart for: the row offers the download
+    // again, a reported failure staying readable.
+    if (!fileWritten_) {
+        downloadStarted_ = false;
+        if (textReported_)
+            return;
+        progress_->hide();
+        showStatus();
+        return;
+    }
     downloaded_ = true;
     emit signalDownloaded(QString::fromStdString(entry_.name));
-    // A reported failure stays readable; otherwise the row asks for the restart.
-    if (textReported_)
-        return;
     progress_->hide();
     showStatus();
 }

@@ -45,10 +45,12 @@ private:
 
     CatalogueEntry entry_;
     int y_;
+    bool lastRow_;
     int height_ = kHeight;
     bool downloaded_;
     bool downloadStarted_ = false;
     bool textReported_ = false;
+    bool fileWritten_ = false;
     std::shared_ptr<PluginFolders> folders_;
     QLabel* name_;
     QLabel* description_;

@@ -1,54 +1,87 @@
+// The tray and the dialogs it opens, on real widgets; modal windows are driven by a timer.
+
 #include "MainWindow/Tray.h"
 
 #include <QApplication>
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusVirtualObject>
-#include <QDesktopServices>
-#include <QElapsedTimer>
+#include <QComboBox>
+#include <QDialogButtonBox>
+#include <QKeyEvent>
 #include <QLabel>
-#include <QMessageBox>
+#include <QListView>
+#include <QMenuBar>
 #include <QMetaMethod>
+#include <QPointer>
 #include <QPushButton>
+#include <QStandardItemModel>
+#include <QStyleOptionViewItem>
 #include <QTimer>
 #include <QUrl>
 
 #include "Agent/AgentFixture.h"
+#include "MainWindow/About.h"
+#include "MainWindow/Settings.h"
 #include "Roles.h"
 #include "plugins/PluginWindow.h"
-#include "theme/PrivateSessionBus.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using vlm::test::LogCapture;
 using Texts = std::vector<std::string>;
+using Settings = vlm::MainWindow::Settings;
 
-// Stands for the desktop's browser: QDesktopServices hands it every web address it opens.
-class Browser : public QObject {
-    Q_OBJECT
-public:
-    Browser() {
-        for (const char* scheme : {"http", "https"})
-            QDesktopServices::setUrlHandler(scheme, this, "open");
-    }
-    ~Browser() override {
-        for (const char* scheme : {"http", "https"})
-            QDesktopServices::unsetUrlHandler(scheme);
-    }
-    Texts opened;
+Texts texts(const QList<QAction*>& actions) {
+    Texts found;
+    for (QAction* action : actions)
+        found.push_back(action->isSeparator() ? "-" : action->text().toStdString());
+    return found;
+}
 
-public slots:
-    void open(const QUrl& url) { opened.push_back(url.toString().toStdString()); }
-};
+// A list's check boxes: "X" checked, "-" unchecked, "x" and "." the same but disabled.
+std::string rows(const QStandardItemModel* model, bool withTexts = false) {
+    std::string states;
+    for (int row = 0; row < model->rowCount(); ++row) {
+        const QStandardItem* item = model->item(row);
+        const bool checked = item->checkState() == Qt::Checked;
+        states += item->isEnabled() ? (checked ? 'X' : '-') : (checked ? 'x' : '.');
+        if (withTexts)
+            states += " " + item->text().toStdString() + "|";
+    }
+    return states;
+}
+
+// Clicks a row's check box as a user does (or, onText, the row's text beside it).
+void click(QListView* view, int row, bool onText = false) {
+    QStyleOptionViewItem option;
+    option.initFrom(view->viewport());
+    option.rect = view->visualRect(view->model()->index(row, 0));
+    option.features = QStyleOptionViewItem::HasCheckIndicator;
+    const QPoint at =
+        onText ? option.rect.center()
+               : view->style()
+                     ->subElementRect(QStyle::SE_ItemViewItemCheckIndicator, &option, view)
+                     .center();
+    for (auto type : {QEvent::MouseButtonPress, QEvent::MouseButtonRelease}) {
+        QMouseEvent event(type, at, view->viewport()->mapToGlobal(at), Qt::LeftButton,
+                          Qt::MouseButtons(type == QEvent::MouseButtonPress), Qt::NoModifier);
+        QApplication::sendEvent(view->viewport(), &event);
+    }
+}
+
+void pressSpace(QListView* view, int row) {
+    view->setCurrentIndex(view->model()->index(row, 0));
+    for (auto type : {QEvent::KeyPress, QEvent::KeyRelease}) {
+        QKeyEvent event(type, Qt::Key_Space, Qt::NoModifier, " ");
+        QApplication::sendEvent(view, &event);
+    }
+}
 
 class TrayTest : public vlm::test::AgentFixture {
 protected:
-    void build(const std::string& configText = "{}") {
+    void build(const std::string& configText = "{}", bool trayAvailable = true) {
+        TearDown();
         agent = makeAgent(configText);
-        // A child that ends at once: every launch is followed by a death report.
-        agent->engineProgram = "/bin/false";
-        window = std::make_unique<vlm::MainWindow>(*agent, false);
+        agent->engineProgram = "/bin/false";  // every launch is followed by a death report
+        window = std::make_unique<vlm::MainWindow>(*agent, false, trayAvailable);
         tray = window->tray();
         tray->showBalloon = [this](const QString& title, const QString& text) {
             balloons.push_back((title + " | " + text).toStdString());
@@ -56,372 +89,314 @@ protected:
         tray->openUrl = [this](const QUrl& url) { opened.push_back(url.toString().toStdString()); };
         tray->engineRestartTimer.setClock([this] { return now; });
         vlm::lastAttachedAddress().clear();
-    }
-    // The tray as the program builds it, with its own balloons and browser opener.
-    void buildAsIs() {
-        agent = makeAgent();
-        window = std::make_unique<vlm::MainWindow>(*agent, false);
-        tray = window->tray();
-        vlm::lastAttachedAddress().clear();
+        balloons.clear();
     }
     void TearDown() override {
         // A watcher still running would report a death to the tray about to be destroyed.
         if (agent && agent->engineWatcher && agent->engineWatcher->joinable())
             agent->engineWatcher->join();
         window.reset();
-        agent.reset();
+    }
+    // Runs run; act sees each other modal window once; message boxes are recorded
+    // ("title | text | icon") and accepted.
+    void modal(const std::function<void()>& run, const std::function<void(QWidget*)>& act = {}) {
+        QPointer<QWidget> last;
+        QTimer driver;
+        QObject::connect(&driver, &QTimer::timeout, [&] {
+            QWidget* modal = QApplication::activeModalWidget();
+            if (auto* box = qobject_cast<QMessageBox*>(modal)) {
+                boxes.push_back((box->windowTitle() + " | " + box->text()).toStdString() + " | " +
+                                std::to_string(box->icon()));
+                styles.push_back(box->styleSheet().toStdString());
+                box->accept();
+            } else if (modal && modal != last && act) {
+                act(last = modal);
+            }
+        });
+        driver.start(5);
+        run();
+        EXPECT_TRUE(last.isNull());  // a dialog is gone when its slot returns
     }
 
     std::unique_ptr<vlm::Agent> agent;
     std::unique_ptr<vlm::MainWindow> window;
     vlm::MainWindow::Tray* tray = nullptr;
-    Texts balloons;
-    Texts opened;
+    Texts balloons, opened, boxes, styles;
     std::chrono::steady_clock::time_point now{};
 };
 
-TEST_F(TrayTest, MenuEntriesInOrder) {
+// The menu, the window and the meta-object as designed; the unconnected slots stay reachable
+// by name. Without a tray the window stands in: minimised, the menu's actions in its menu bar,
+// a line for the menu's title, and its close button minimises it again.
+TEST_F(TrayTest, ConstructionAndMetaObject) {
+    qputenv("VELMOR_CATALOGUE_HOST", "127.0.0.1:1");  // never the maker's server
     build();
-    Texts texts;
-    for (QAction* action : tray->menu->actions())
-        texts.push_back(action->isSeparator() ? "-" : action->text().toStdString());
-    EXPECT_EQ(texts, (Texts{"Title", "-", "Open &Web App", "Start Local Server", "&Settings...",
-                            "-", "&User Manual", "&About", "&Quit"}));
-    EXPECT_FALSE(tray->titleAction->isEnabled());
-    EXPECT_FALSE(tray->webAppAction->isEnabled());
-    EXPECT_EQ(tray->menu->title(), "App");
-    EXPECT_EQ(tray->trayIcon->toolTip(), "VELMOR 1.0.0 b1");
-}
+    EXPECT_EQ(texts(tray->menu->actions()),
+              (Texts{"Title", "-", "Open &Web App", "Start Local Server", "&Settings...", "-",
+                     "&User Manual", "&About", "&Quit"}));
+    EXPECT_FALSE(tray->titleAction->isEnabled() || tray->webAppAction->isEnabled());
+    EXPECT_EQ(tray->menu->title() + " | " + tray->trayIcon->toolTip(), "App | VELMOR 1.0.0 b1");
+    EXPECT_EQ(texts(window->menuBar()->actions()), Texts{"App"});
+    EXPECT_FALSE(window->windowFlags() & Qt::WindowMaximizeButtonHint);
+    EXPECT_FALSE(window->isVisible() || window->close());  // only an anchor; closing hides it
+    EXPECT_TRUE(tray->trayIcon->isVisible() && !tray->trayIcon->icon().pixmap(16).isNull());
+    const QMetaObject* meta = tray->metaObject();
+    std::string methods;
+    for (int i = meta->methodOffset(); i < meta->methodCount(); ++i)
+        methods += meta->method(i).methodSignature().toStdString() + " ";
+    EXPECT_EQ(methods,
+              "signalAttachChanged(QString,bool) signalNotification(QString) signalEngineDied() "
+              "iconActivated(QSystemTrayIcon::ActivationReason) messageClicked() showWebApp() "
+              "startLocalServer() quit() slotModeMaster() slotModeSlave() slotModeHybrid() "
+              "slotUpdatePopupMenu() slotUpdateModeMenu() slotShowPluginsManager() showSettings() "
+              "showHelpAbout() showDocumentation() slotAttachChanged(QString,bool) "
+              "slotNotification(QString) slotEngineDied() ");
+    EXPECT_EQ(meta->method(meta->methodOffset()).parameterNames(),
+              (QList<QByteArray>{"address", "attached"}));
+    EXPECT_NE(tray->qt_metacast("Agent::Listener"), nullptr);
+    EXPECT_TRUE(QMetaObject::invokeMethod(tray, "slotUpdateModeMenu"));
+    EXPECT_TRUE(tray->hybridAction->isChecked() && !tray->masterAction->isChecked());
+    ASSERT_TRUE(QMetaObject::invokeMethod(tray, "slotShowPluginsManager"));
+    EXPECT_TRUE(tray->pluginWindow()->isVisible() && tray->pluginWindow()->rows().empty());
+    qunsetenv("VELMOR_CATALOGUE_HOST");
 
-TEST_F(TrayTest, AttachmentReportsCrossToTheGuiThread) {
-    build();
-    std::thread poll([this] { tray->onAttached("10.0.0.5:8080"); });
-    poll.join();
-    EXPECT_TRUE(balloons.empty());
+    build("{}", false);
+    EXPECT_EQ(texts(window->menuBar()->actions()),
+              (Texts{"Open &Web App", "Start Local Server", "&Settings...", "&User Manual",
+                     "&About", "&Quit"}));
+    EXPECT_TRUE(window->isVisible() && window->isMinimized());
+    EXPECT_EQ(window->size(), QSize(480, 320));
+    auto* status = window->findChild<QLabel*>("status");
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->text(), "VELMOR - No Server Running");
+    agent->attachedServer = "10.0.0.5:8080";
+    tray->onAttached("10.0.0.5:8080");
     QCoreApplication::processEvents();
-    EXPECT_EQ(balloons, Texts{"Server Found | Attached to 10.0.0.5:8080"});
-    EXPECT_TRUE(tray->webAppAction->isEnabled());
+    EXPECT_EQ(status->text(), "VELMOR - Server on 10.0.0.5:8080");
+    window->showNormal();
+    EXPECT_FALSE(window->close());
+    EXPECT_TRUE(window->isVisible() && window->isMinimized());
 }
 
-TEST_F(TrayTest, WebAppOpensOncePerNewAddress) {
-    build();
-    agent->attachedServer = "10.0.0.5:8080";
-    tray->slotAttachChanged("10.0.0.5:8080", true);
-    tray->slotAttachChanged("10.0.0.5:8080", false);
-    tray->slotAttachChanged("10.0.0.5:8080", true);
-    agent->attachedServer = "10.0.0.6:8080";
-    tray->slotAttachChanged("10.0.0.6:8080", true);
-    EXPECT_EQ(opened, (Texts{"http://10.0.0.5:8080", "http://10.0.0.6:8080"}));
-    EXPECT_EQ(balloons, (Texts{"Server Found | Attached to 10.0.0.5:8080",
-                               "Server Lost | Detached from 10.0.0.5:8080",
-                               "Server Found | Attached to 10.0.0.5:8080",
-                               "Server Found | Attached to 10.0.0.6:8080"}));
-    EXPECT_TRUE(tray->webAppAction->isEnabled());
-}
-
-TEST_F(TrayTest, TheDesktopsBrowserOpensTheWebAppAndTheManual) {
-    buildAsIs();
-    Browser browser;
-    agent->attachedServer = "10.0.0.5:8080";
-    tray->slotAttachChanged("10.0.0.5:8080", true);
-    tray->slotAttachChanged("10.0.0.5:8080", true);  // the same server: not again
-    tray->iconActivated(QSystemTrayIcon::Trigger);
-    tray->userManualAction->trigger();
-    ASSERT_EQ(browser.opened.size(), 3u);
-    EXPECT_EQ(browser.opened[0], "http://10.0.0.5:8080");
-    EXPECT_EQ(browser.opened[1], "http://10.0.0.5:8080");
-    EXPECT_EQ(browser.opened[2].rfind("https://", 0), 0u);
-    EXPECT_EQ(browser.opened[2].substr(browser.opened[2].size() - 4), ".pdf");
-}
-
-TEST_F(TrayTest, ABrowserThatCannotBeOpenedIsOnlyLogged) {
-    buildAsIs();  // the offscreen platform has no browser to start
-    LogCapture log;
-    agent->attachedServer = "10.0.0.5:8080";
-    tray->slotAttachChanged("10.0.0.5:8080", true);
-    EXPECT_EQ(log.count("Could not open http://10.0.0.5:8080 in a browser\n"), 1);
-    EXPECT_EQ(vlm::lastAttachedAddress(), "10.0.0.5:8080");
-}
-
-TEST_F(TrayTest, NotificationTextIsFixed) {
-    build();
-    tray->slotNotification("anything at all");
-    EXPECT_EQ(balloons, Texts{"Server Not Found | Could not find VELMOR server in the network"});
-}
-
-TEST_F(TrayTest, IconClickOpensTheWebAppOnlyWhenAttached) {
+// The web application opens by itself once per new server, on a click only when attached,
+// and for a second agent; reports from Agent threads reach the GUI thread queued.
+TEST_F(TrayTest, WebAppManualAndASecondAgentsRequest) {
     build();
     tray->iconActivated(QSystemTrayIcon::Trigger);
     tray->messageClicked();
-    EXPECT_TRUE(opened.empty());
+    std::thread([this] { tray->onAttached("10.0.0.5:8080"); }).join();
+    EXPECT_TRUE(balloons.empty());
     agent->attachedServer = "10.0.0.5:8080";
+    QCoreApplication::processEvents();
+    tray->onDetached("10.0.0.5:8080");
+    tray->onAttached("10.0.0.5:8080");  // the same server: not again
+    agent->attachedServer = "10.0.0.6:8080";
+    tray->onAttached("10.0.0.6:8080");
+    tray->onNotification("anything at all");
+    QCoreApplication::processEvents();
     tray->iconActivated(QSystemTrayIcon::Context);
     tray->iconActivated(QSystemTrayIcon::Trigger);
     tray->messageClicked();
-    EXPECT_EQ(opened, (Texts{"http://10.0.0.5:8080", "http://10.0.0.5:8080"}));
-}
-
-TEST_F(TrayTest, PopupTitleAndStartLocalServer) {
-    build();
-    tray->slotUpdatePopupMenu();
-    EXPECT_EQ(tray->titleAction->text(), "VELMOR - No Server Running");
-    EXPECT_TRUE(tray->startServerAction->isVisible());
-    agent->attachedServer = "10.0.0.5:8080";
-    agent->enginePid = 4242;
-    tray->slotUpdatePopupMenu();
-    EXPECT_EQ(tray->titleAction->text(), "VELMOR - Server on 10.0.0.5:8080");
-    EXPECT_FALSE(tray->startServerAction->isVisible());
-    agent->enginePid = 0;
-    for (vlm::AgentMode mode : {vlm::kModeMaster, vlm::kModeSlave}) {
-        agent->mode = mode;
+    vlm::showWebApp();  // what a second agent's message runs
+    tray->userManualAction->trigger();
+    const std::string six = "http://10.0.0.6:8080";
+    EXPECT_EQ(opened, (Texts{"http://10.0.0.5:8080", six, six, six, six,
+                             "https://www.corvane.com/velmor/VELMOR-User-Manual.pdf"}));
+    EXPECT_EQ(balloons, (Texts{"Server Found | Attached to 10.0.0.5:8080",
+                               "Server Lost | Detached from 10.0.0.5:8080",
+                               "Server Found | Attached to 10.0.0.5:8080",
+                               "Server Found | Attached to 10.0.0.6:8080",
+                               "Server Not Found | Could not find VELMOR server in the network"}));
+    EXPECT_TRUE(tray->webAppAction->isEnabled());
+    // The menu's title, and "Start Local Server" in Hybrid without a local engine only.
+    auto menu = [this] {
         tray->slotUpdatePopupMenu();
-        EXPECT_FALSE(tray->startServerAction->isVisible()) << mode;
-    }
-}
-
-TEST_F(TrayTest, RapidEngineDeathStopsTheRestarts) {
-    build(R"({"mode": 1})");
-    LogCapture log;
-    tray->slotEngineDied();  // the first death always restarts
-    now += 10s;
-    tray->slotEngineDied();  // within 30 s of that restart: give up
-    EXPECT_EQ(balloons, Texts{"Local Server Died | No further attempts to revive local server as "
-                              "it crashes rapidly"});
-    now += 21s;
-    tray->slotEngineDied();  // 31 s after the last restart: try again
-    Texts expected{"Trying to restart Engine process...\n",
-                   "Engine Process dies rapidly. No further attempt to restart\n",
-                   "Trying to restart Engine process...\n"};
-    Texts lines;
-    for (const std::string& line : log.lines())
-        if (line.find("restart") != std::string::npos)
-            lines.push_back(line);
-    EXPECT_EQ(lines, expected);
-}
-
-TEST_F(TrayTest, RestartGuardEndsAt30000Milliseconds) {
-    build(R"({"mode": 4})");
-    LogCapture log;
-    tray->slotEngineDied();
-    now += 30001ms;
-    tray->slotEngineDied();  // just past the guard: a second restart
-    now += 30000ms;
-    tray->slotEngineDied();  // still within it
-    EXPECT_EQ(log.count("Trying to restart Engine process...\n"), 2);
-    EXPECT_EQ(log.count("Engine Process dies rapidly. No further attempt to restart\n"), 1);
-    EXPECT_EQ(balloons.size(), 1u);
-}
-
-TEST(MessageBoxTest, TheDarkStyleSheetIsKeptAsWritten) {
-    const auto query = vlm::darkModeQuery;
-    for (bool dark : {false, true}) {
-        vlm::darkModeQuery = [dark] { return dark; };
-        QString seen;
-        QTimer::singleShot(0, [&] {
-            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-            ASSERT_NE(box, nullptr);
-            seen = box->windowTitle() + " | " + box->text() + " | " + box->styleSheet();
-            EXPECT_EQ(box->icon(), QMessageBox::Information);
-            EXPECT_EQ(box->standardButtons(), QMessageBox::Ok);
-            box->button(QMessageBox::Ok)->click();
-        });
-        EXPECT_EQ(vlm::showMessageBox(nullptr, "Title", "Text", QMessageBox::Information,
-                                      QMessageBox::Ok),
-                  QMessageBox::Ok);
-        EXPECT_EQ(seen.toStdString(),
-                  dark ? "Title | Text | background-color: rgb(43, 43, 43);color: rgb(255, 255, "
-                         "255);}"
-                       : "Title | Text | ");
-    }
-    vlm::darkModeQuery = query;
-}
-
-TEST_F(TrayTest, ClosingTheWindowOnlyHidesIt) {
-    build();
-    window->show();
-    EXPECT_FALSE(window->close());  // the close event is ignored
-    EXPECT_FALSE(window->isVisible());
-    EXPECT_TRUE(tray->trayIcon->isVisible());
-    EXPECT_NE(vlm::MainWindow::instance(), nullptr);
-}
-
-TEST_F(TrayTest, ModeChangeTellsTheUserOnlyWhenStored) {
-    build(R"({"mode": 4})");
-    QString shown;
-    QTimer::singleShot(0, [&] {
-        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-            shown = box->windowTitle() + " | " + box->text();
-            box->accept();
-        }
-    });
-    tray->slotModeMaster();
-    EXPECT_EQ(shown, "Mode Changed | Mode will be set to \"Master\" next time this Agent starts");
-    shown.clear();
-    tray->slotModeHybrid();  // the running mode: nothing stored, nothing shown
-    EXPECT_TRUE(shown.isEmpty());
-}
-
-TEST_F(TrayTest, AModeThatCannotBeStoredIsReportedNotAnnounced) {
-    build(R"({"mode": 4})");
-    const std::string before = savedConfig();
-    QString shown;
-    QTimer::singleShot(0, [&] {
-        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-            shown = box->windowTitle() + " | " + box->text();
-            EXPECT_EQ(box->icon(), QMessageBox::Warning);
-            box->accept();
-        }
-    });
-    ::testing::internal::CaptureStdout();
-    {
-        vlm::test::ReadOnlyFolder readOnly(appData.path());
-        tray->slotModeMaster();
-    }
-    ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(shown.toStdString(), "Settings Not Saved | The settings could not be written to " +
-                                       appData.file("config.json") +
-                                       " (Permission denied). They stay as they were.");
-    EXPECT_EQ(savedConfig(), before);
-    EXPECT_EQ(vlm::agentModeFrom(config.document.get()), vlm::kModeHybrid);
-}
-
-}  // namespace
-
-namespace {
-
-TEST_F(TrayTest, MetaObjectNamesEverySignalAndSlotInOrder) {
-    build();
-    const QMetaObject* meta = tray->metaObject();
-    Texts methods;
-    for (int i = meta->methodOffset(); i < meta->methodCount(); ++i) {
-        const QMetaMethod method = meta->method(i);
-        methods.push_back(
-            std::string(method.methodType() == QMetaMethod::Signal ? "signal " : "slot ") +
-            method.methodSignature().toStdString());
-    }
-    EXPECT_EQ(methods, (Texts{"signal signalAttachChanged(QString,bool)",
-                              "signal signalNotification(QString)",
-                              "signal signalEngineDied()",
-                              "slot iconActivated(QSystemTrayIcon::ActivationReason)",
-                              "slot messageClicked()",
-                              "slot showWebApp()",
-                              "slot startLocalServer()",
-                              "slot quit()",
-                              "slot slotModeMaster()",
-                              "slot slotModeSlave()",
-                              "slot slotModeHybrid()",
-                              "slot slotUpdatePopupMenu()",
-                              "slot slotUpdateModeMenu()",
-                              "slot slotShowPluginsManager()",
-                              "slot showSettings()",
-                              "slot showHelpAbout()",
-                              "slot showDocumentation()",
-                              "slot slotAttachChanged(QString,bool)",
-                              "slot slotNotification(QString)",
-                              "slot slotEngineDied()"}));
-    const QMetaMethod attach = meta->method(meta->methodOffset());
-    EXPECT_EQ(attach.parameterNames(), (QList<QByteArray>{"address", "attached"}));
-    EXPECT_NE(tray->qt_metacast("Agent::Listener"), nullptr);
-    // Unconnected but reachable by name.
-    EXPECT_TRUE(QMetaObject::invokeMethod(tray, "slotUpdateModeMenu"));
-    EXPECT_TRUE(tray->hybridAction->isChecked());
-    EXPECT_FALSE(tray->masterAction->isChecked());
-}
-
-}  // namespace
-
-namespace {
-
-TEST_F(TrayTest, SecondAgentsRequestOpensTheWebApp) {
-    build();
-    agent->attachedServer = "10.0.0.5:8080";
-    ASSERT_TRUE(vlm::showWebApp);
-    vlm::showWebApp();
-    EXPECT_EQ(opened, Texts{"http://10.0.0.5:8080"});
+        return tray->titleAction->text().toStdString() +
+               (tray->startServerAction->isVisible() ? " +start" : "");
+    };
+    EXPECT_EQ(menu(), "VELMOR - Server on 10.0.0.6:8080 +start");
+    agent->enginePid = 4242;
+    EXPECT_EQ(menu(), "VELMOR - Server on 10.0.0.6:8080");
+    agent->enginePid = 0;
+    agent->mode = vlm::kModeSlave;
+    agent->attachedServer.clear();
+    EXPECT_EQ(menu(), "VELMOR - No Server Running");
     window.reset();
     if (vlm::showWebApp)
         vlm::showWebApp();  // the tray is gone: nothing reaches it
-    EXPECT_EQ(opened.size(), 1u);
+    EXPECT_EQ(opened.size(), 6u);
 }
 
-}  // namespace
-
-namespace {
-
-// Takes the calls made to the desktop's notification service.
-class NotificationService : public QDBusVirtualObject {
-public:
-    bool handleMessage(const QDBusMessage& message, const QDBusConnection&) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (message.member() == "Notify")
-            calls.push_back(message.arguments());
-        return true;
+// A second death within 30000 ms of a restart gives up (once per death); later ones restart.
+TEST_F(TrayTest, RestartGuardTable) {
+    struct Case {
+        std::vector<std::chrono::milliseconds> gaps;  // between deaths
+        int restarts, givenUp;
+    } cases[] = {{{0ms}, 1, 0},          {{0ms, 10s}, 1, 1},      {{0ms, 30000ms}, 1, 1},
+                 {{0ms, 30001ms}, 2, 0}, {{0ms, 10s, 21s}, 2, 1}, {{0ms, 30001ms, 30000ms}, 2, 1}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.gaps.size() * 100 + c.restarts * 10 + c.givenUp);
+        build();
+        vlm::test::LogCapture log;
+        for (auto gap : c.gaps) {
+            now += gap;
+            tray->slotEngineDied();
+        }
+        EXPECT_EQ(log.count("Trying to restart Engine process...\n"), c.restarts);
+        EXPECT_EQ(log.count("Engine Process dies rapidly. No further attempt to restart\n"),
+                  c.givenUp);
+        EXPECT_EQ(balloons, Texts(c.givenUp,
+                                  "Local Server Died | No further attempts to revive "
+                                  "local server as it crashes rapidly"));
+        TearDown();
     }
-    QString introspect(const QString&) const override { return {}; }
-
-    std::mutex mutex;
-    std::vector<QList<QVariant>> calls;
-};
-
-TEST_F(TrayTest, WithoutATrayBalloonsGoToTheNotificationServiceAndTheLog) {
-    if (QSystemTrayIcon::isSystemTrayAvailable())
-        GTEST_SKIP() << "this desktop shows a tray";
-    vlm::test::PrivateSessionBus bus;
-    if (bus.address().isEmpty())
-        GTEST_SKIP() << "no dbus-daemon";
-    // The session bus connection is made on first use; each test runs in its own process.
-    setenv("DBUS_SESSION_BUS_ADDRESS", bus.address().toUtf8().constData(), 1);
-    NotificationService service;
-    {
-        QDBusConnection connection = QDBusConnection::connectToBus(bus.address(), "notifications");
-        ASSERT_TRUE(connection.registerService("org.freedesktop.Notifications"));
-        ASSERT_TRUE(connection.registerVirtualObject("/org/freedesktop/Notifications", &service));
-    }
-
-    agent = makeAgent();
-    window = std::make_unique<vlm::MainWindow>(*agent, false);
-    LogCapture log;
-    window->tray()->slotNotification("ignored");
-    QElapsedTimer waited;
-    waited.start();
-    auto received = [&] {
-        std::lock_guard<std::mutex> lock(service.mutex);
-        return !service.calls.empty();
-    };
-    while (!received() && waited.elapsed() < 5000) {
-        QCoreApplication::processEvents();
-        std::this_thread::sleep_for(5ms);
-    }
-    QDBusConnection::disconnectFromBus("notifications");
-    unsetenv("DBUS_SESSION_BUS_ADDRESS");
-
-    ASSERT_EQ(service.calls.size(), 1u);
-    const QList<QVariant>& call = service.calls.front();
-    ASSERT_EQ(call.size(), 8);
-    EXPECT_EQ(call[0].toString(), "VELMOR");
-    EXPECT_EQ(call[1].toUInt(), 0u);
-    EXPECT_EQ(call[3].toString(), "Server Not Found");
-    EXPECT_EQ(call[4].toString(), "Could not find VELMOR server in the network");
-    EXPECT_EQ(call[7].toInt(), 10000);
-    EXPECT_EQ(log.count("Server Not Found: Could not find VELMOR server in the network\n"), 1);
 }
 
-}  // namespace
+// A mode is announced only when stored; one that cannot be written is reported, not
+// announced, in the shared (here dark) message box with its style sheet as written.
+TEST_F(TrayTest, ModeChangeAndAnUnwritableConfiguration) {
+    build(R"({"mode": 4})");
+    const auto query = vlm::darkModeQuery;
+    vlm::darkModeQuery = [] { return true; };
+    modal([&] {
+        tray->slotModeMaster();
+        tray->slotModeHybrid();  // the running mode: nothing stored, nothing shown
+        testing::internal::CaptureStdout();
+        // Unwritable for this one call; the capture file must stay readable.
+        std::make_unique<vlm::test::ReadOnlyFolder>(appData.path()), tray->slotModeSlave();
+        testing::internal::GetCapturedStdout();
+    });
+    vlm::darkModeQuery = query;
+    EXPECT_EQ(boxes, (Texts{"Mode Changed | Mode will be set to \"Master\" next time this Agent "
+                            "starts | 1",
+                            "Settings Not Saved | The settings could not be written to " +
+                                appData.file("config.json") +
+                                " (Permission denied). They stay as they were. | 2"}));
+    EXPECT_EQ(styles, Texts(2, "background-color: rgb(43, 43, 43);color: rgb(255, 255, 255);}"));
+    EXPECT_NE(savedConfig().find(R"("mode":1)"), std::string::npos) << savedConfig();
+    EXPECT_EQ(agent->mode, vlm::kModeHybrid);
+}
 
-TEST_F(TrayTest, PluginManagerSlotOpensTheWindowByName) {
-    // A closed loopback port: the catalogue is never looked for outside this machine.
-    qputenv("VELMOR_CATALOGUE_HOST", "127.0.0.1:1");
+// "&About" runs the box modally, sized by the scale (truncated), the agent's picture filling
+// it and the version right-aligned in its lower right corner (at 1.5: 10 from the left, 57
+// above the bottom, 21 narrower than the box).
+TEST_F(TrayTest, AboutBox) {
     build();
-    ASSERT_EQ(tray->pluginWindow(), nullptr);
-    ASSERT_TRUE(QMetaObject::invokeMethod(tray, "slotShowPluginsManager"));
-    ASSERT_NE(tray->pluginWindow(), nullptr);
-    EXPECT_TRUE(tray->pluginWindow()->isVisible());
-    EXPECT_TRUE(tray->pluginWindow()->rows().empty());
-    bool refused = false;
-    for (QLabel* label : tray->pluginWindow()->findChildren<QLabel*>())
-        refused = refused || label->text() == "COULD NOT CONNECT TO WEBSITE";
-    EXPECT_TRUE(refused);
-    qunsetenv("VELMOR_CATALOGUE_HOST");
+    agent->splashPixmap = std::make_unique<QPixmap>(60, 25);
+    agent->splashPixmap->fill(Qt::black);
+    for (float scale : {1.0f, 1.5f}) {
+        vlm::dpiScale = scale;
+        QImage image;
+        modal([&] { tray->aboutAction->trigger(); },
+              [&](QWidget* about) {
+                  EXPECT_EQ(about->windowTitle() + " | " +
+                                qobject_cast<vlm::MainWindow::About*>(about)->text(),
+                            "About | Version 1.0.0 b1");
+                  EXPECT_FALSE(about->windowFlags() & Qt::WindowContextHelpButtonHint);
+                  EXPECT_TRUE(about->findChildren<QWidget*>().isEmpty());
+                  image = about->grab().toImage();
+                  about->close();
+              });
+        ASSERT_EQ(image.size(), QSize(int(600 * scale), int(250 * scale)));
+        QRect text;  // the bright pixels
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = 0; x < image.width(); ++x)
+                text |= qGray(image.pixel(x, y)) > 200 ? QRect(x, y, 1, 1) : QRect();
+        const QRect expected = vlm::MainWindow::About::textRect(image.size(), scale);
+        EXPECT_EQ(expected, scale == 1.5f ? QRect(10, 318, 879, 375) : QRect(7, 212, 586, 250));
+        EXPECT_TRUE(expected.contains(text) && text.width() > 40) << scale;
+        EXPECT_LE(expected.right() - text.right() + text.top() - expected.top(), 8) << scale;
+        EXPECT_EQ(qGray(image.pixel(image.width() - 1, 0)), 0);  // the picture fills the box
+    }
+    vlm::dpiScale = 1.0f;
 }
 
-#include "TrayTest.moc"
+// Open, change by mouse and by keyboard, Ok, reopen: what the boxes showed is what is stored;
+// a click on a row is a change even when nothing toggles, and Cancel changes nothing.
+TEST_F(TrayTest, SettingsRoundTripByMouseAndKeyboard) {
+    build(R"({"mode": 4})");
+    auto press = [](QWidget* settings, QDialogButtonBox::StandardButton button) {
+        settings->findChild<QDialogButtonBox*>()->button(button)->click();
+    };
+    modal([&] { tray->settingsAction->trigger(); },
+          [&](QWidget* dialog) {
+              auto& settings = *qobject_cast<Settings*>(dialog);
+              EXPECT_EQ(settings.size(), QSize(640, 480));
+              EXPECT_EQ(settings.windowTitle() + settings.modeCombo->currentText(),
+                        "SettingsHybrid");
+              EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "X-XX");
+              EXPECT_EQ(settings.pluginModel->item(0)->text(),
+                        "disco_bonjour.dll       \tDefault Device discovery via Bonjour");
+              click(settings.discoveryList, 0);  // "All" off: the interface rows free, unchecked
+              EXPECT_EQ(rows(settings.discoveryModel).find_first_not_of('-'), std::string::npos);
+              click(settings.pluginList, 1);
+              pressSpace(settings.pluginList, 2);
+              settings.modeCombo->setCurrentIndex(1);
+              press(dialog, QDialogButtonBox::Ok);
+          });
+    EXPECT_EQ(boxes, (Texts{"Mode Changed | Mode will be set to \"Slave\" next time this Agent "
+                            "starts | 1",
+                            "Plug-ins Filtering Changed | Plug-ins filtering will be set next "
+                            "time this Agent starts | 1"}));
+    const std::string saved = savedConfig();
+    modal([&] { tray->settingsAction->trigger(); },
+          [&](QWidget* dialog) {
+              auto& settings = *qobject_cast<Settings*>(dialog);
+              EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "XX-X");
+              EXPECT_EQ(settings.discoveryModel->item(0)->checkState(), Qt::Unchecked);
+              EXPECT_EQ(settings.modeCombo->currentText(), "Hybrid");  // the running mode
+              click(settings.pluginList, 1, true);  // no toggle, and still a change
+              EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "XX-X");
+              EXPECT_TRUE(settings.choices().pluginsChanged);
+              press(dialog, QDialogButtonBox::Cancel);
+          });
+    EXPECT_EQ(boxes.size(), 2u);
+    EXPECT_EQ(savedConfig(), saved);
+}
+
+// The rows from the interfaces (several addresses on one; one chosen but gone), and the
+// choices in the dialog's order with their messages.
+TEST_F(TrayTest, SettingsApplyTellsWhatWaitsForTheNextStart) {
+    const std::vector<vlm::InterfaceAddress> interfaces{
+        {"Studio A", "AA:00:00:00:00:01", "10.0.0.5", "255.255.255.0"},
+        {"Studio A", "AA:00:00:00:00:01", "172.16.4.2", "255.255.0.0"},
+        {"Studio B", "BB:00:00:00:00:02", "192.168.7.9", "255.0.255.0"}};
+    build(R"({"mode": 4, "server": {"ip": "172.16.4.2"}, "discovery": {"filtering":
+        [{"hardware_id": "CC:00:00:00:00:09"}, {"hardware_id": "BB:00:00:00:00:02"}]}})");
+    auto settings = std::make_unique<Settings>(*agent, config, interfaces);
+    EXPECT_EQ(
+        settings->addressCombo->currentText() + QString::number(settings->addressCombo->count()),
+        "172.16.4.24");
+    EXPECT_EQ(rows(settings->discoveryModel, true),
+              "- All|- 10.0.0.x\t(Studio A)|- 172.16.x.x\t(Studio A)|X 192.x.7.x\t(Studio B)|"
+              "X CC:00:00:00:00:09\t(not available)|");
+    EXPECT_EQ(settings->modeCombo->itemData(2).toInt() * 10 + settings->modeCombo->currentIndex(),
+              42);
+    settings->discoveryModel->item(1)->setCheckState(Qt::Checked);  // one row chooses AA
+    settings->discoveryModel->item(4)->setCheckState(Qt::Unchecked);
+    settings->addressCombo->setCurrentIndex(0);
+    settings->modeCombo->setCurrentIndex(0);
+    settings->pluginModel->item(0)->setCheckState(Qt::Unchecked);
+    modal([&] { vlm::applySettings(*agent, settings->choices()); });
+    EXPECT_EQ(boxes, (Texts{"Web Server Address Changed | Web Server Address will be set next "
+                            "time this Agent starts | 1",
+                            "Mode Changed | Mode will be set to \"Master\" next time this Agent "
+                            "starts | 1",
+                            "Plug-ins Filtering Changed | Plug-ins filtering will be set next "
+                            "time this Agent starts | 1"}));
+    const std::string saved = savedConfig();
+    for (
+        const char* part :
+        {R"("server":{"ip":""})", R"("mode":1)",
+         R"("filtering":[{"hardware_id":"AA:00:00:00:00:01"},{"hardware_id":"BB:00:00:00:00:02"}])",
+         R"({"name":"disco_bonjour.dll","descr":"Default Device discovery via Bonjour","enabled":false})"})
+        EXPECT_NE(saved.find(part), std::string::npos) << part << "\n" << saved;
+    EXPECT_EQ(agent->mode, vlm::kModeHybrid);  // the running agent keeps its mode
+
+    settings = std::make_unique<Settings>(*agent, config, interfaces);
+    EXPECT_EQ(rows(settings->discoveryModel), "-XXX");
+    settings->discoveryModel->item(0)->setCheckState(Qt::Checked);  // "All" wins: ["0"]
+    EXPECT_EQ(settings->choices().discoveryFilter, Texts{"0"});
+}
+
+}  // namespace

@@ -1,0 +1,207 @@
+// The catalogue rules and the GET client, without a display.
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "LoopbackHttpServer.h"
+#include "TestSupport.h"
+#include "plugins/Catalogue.h"
+#include "plugins/HttpGet.h"
+
+namespace {
+
+using namespace vlm;
+using namespace testing::internal;
+using test::LoopbackHttpServer;
+using Socket = LoopbackHttpServer::Socket;
+
+std::string plugin(const std::string& name, const std::string& extra = {}) {
+    return R"({"Name":")" + name + R"(","URL":"h:1/files/","Description":"About )" + name +
+           R"(","Contact":"dev@example.org","Certification":"release","Major":2,"Minor":3)" +
+           extra + "}";
+}
+
+// Parses text into entries; printed gets standard output then Qt's debug messages.
+bool read(const std::string& text, CatalogueEntries& entries, std::string& printed) {
+    CaptureStdout();
+    CaptureStderr();
+    const bool ok = readCatalogue(text, entries);
+    printed = GetCapturedStderr();
+    printed = GetCapturedStdout() + printed;
+    return ok;
+}
+
+// Every member as read, one line per plug-in printed, "Windows" optional, the required
+// members' message, pictures only where "Name" is "Proxy", and file names that stay in the
+// folder: one path component, judged by component ("a..b.dll" is fine).
+TEST(Catalogue, MemberRules) {
+    const std::string images =
+        R"([{"Name":"p","Proxy":"p","Vendor":"Tessel","Product":"Box","PNG_URL":"h/b.png",)"
+        R"("ICNS_URL":"h/b.icns"},{"Name":"Other","Proxy":"p","Vendor":"X","Product":"Y",)"
+        R"("PNG_URL":"","ICNS_URL":""},{"Name":"q","Proxy":"q","Vendor":"..","Product":"/x",)"
+        R"("PNG_URL":"","ICNS_URL":""}])";
+    CatalogueEntries entries;
+    std::string printed;
+    ASSERT_TRUE(read(R"({"Plugins":[)" + plugin("p", R"(,"Windows":"a..b.dll")") + "," +
+                         plugin("q") + "," + plugin("evil", R"(,"Windows":"..\\evil.dll")") +
+                         R"(,{"Name":"bare"}],"Images":)" + images + "}",
+                     entries, printed));
+    const CatalogueEntry& p = entries.at("p");
+    EXPECT_EQ(p.url + "|" + p.description + "|" + p.contact + "|" + p.windowsFile,
+              "h:1/files/|About p|dev@example.org|a..b.dll");
+    EXPECT_EQ(std::vector<int>({p.hasWindowsFile, p.stability, p.major, p.minor}),
+              std::vector<int>({1, 2, 2, 3}));
+    ASSERT_EQ(p.images.size(), 1u);
+    const ImageRecord& image = p.images[0];
+    EXPECT_EQ(image.vendor + "|" + image.product + "|" + image.pngUrl + "|" + image.icnsUrl,
+              "Tessel|Box|h/b.png|h/b.icns");
+    EXPECT_EQ(pictureName(image), "Tessel_Box");
+    EXPECT_EQ(pictureName(entries.at("q").images.at(0)), "");  // ".._/x"
+    EXPECT_FALSE(entries.at("q").hasWindowsFile || entries.at("evil").hasWindowsFile);
+    EXPECT_EQ(entries.at("bare").stability, -1);
+    for (const char* line : {"Plug-in evil: refused file name \"..\\evil.dll\"\n",
+                             "<<<<PLUGIN>>>>> p - h:1/files/ - About p\n",
+                             "member Description not found; please fix it!", "member URL not found",
+                             "member Contact not found", "member Certification not found",
+                             "member Major not found", "member Minor not found"})
+        EXPECT_NE(printed.find(line), std::string::npos) << line;
+    EXPECT_EQ(printed.find("member Windows"), std::string::npos);
+    for (const char* name : {"proxy_tessel.dll", "a..b.dll", "proxy tessel-2.0.dll"})
+        EXPECT_TRUE(isPlainFileName(name)) << name;
+    for (const char* name : {"..", ".", "", "../evil.dll", "a/b.dll", "a\\b.dll", "C:evil.dll",
+                             "/etc/evil.so", "\\\\server\\share.dll"})
+        EXPECT_FALSE(isPlainFileName(name)) << name;
+}
+
+// Catalogue version against the loaded one, and what the row shows; a newer local plug-in is
+// not flagged, and a loaded plug-in the catalogue lacks is listed as installed.
+TEST(Catalogue, StatusTable) {
+    struct Case {
+        const char* certification;
+        int major, minor;
+        std::optional<LocalVersion> local;
+        bool file, downloaded;
+        RowStatus status;
+        const char* word;
+    } cases[] = {
+        {"release", 2, 0, LocalVersion{1, 9}, false, false, RowStatus::Outdated, "release"},
+        {"beta", 2, 1, LocalVersion{2, 0}, true, true, RowStatus::Outdated, "beta"},
+        {"experimental", 2, 0, LocalVersion{2, 0}, true, true, RowStatus::UpToDate, "experimental"},
+        {"Beta", 1, 5, LocalVersion{2, 0}, false, false, RowStatus::UpToDate, "unknown"},
+        {"release", 1, 0, std::nullopt, true, true, RowStatus::RestartNeeded, "release"},
+        {"release", 1, 0, std::nullopt, true, false, RowStatus::Download, "release"},
+        {"", 1, 0, std::nullopt, false, false, RowStatus::NotAvailable, "unknown"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.certification) + " " + std::to_string(c.major));
+        CatalogueEntries entries{{"p", {}}};
+        CatalogueEntry& entry = entries["p"];
+        entry.stability = stabilityOf(c.certification);
+        entry.major = c.major;
+        entry.minor = c.minor;
+        entry.hasWindowsFile = c.file;
+        LocalVersions local{{"mystery", {3, 1}}};
+        if (c.local)
+            local["p"] = *c.local;
+        applyStatus(entries, local);
+        EXPECT_EQ(rowStatus(entries.at("p"), c.downloaded), c.status);
+        EXPECT_STREQ(stabilityWord(entries.at("p").stability), c.word);
+        const CatalogueEntry& mystery = entries.at("mystery");
+        EXPECT_EQ(mystery.description + stabilityWord(mystery.stability),
+                  "local unknown pluginunknown");
+        EXPECT_EQ(rowStatus(mystery, false), RowStatus::UpToDate);
+    }
+}
+
+// What a broken or hostile catalogue server sends: a clear message, never a crash.
+TEST(Catalogue, BadInputTable) {
+    const std::string whole = R"({"Plugins":[)" + plugin("a") + R"(],"Images":[]})";
+    struct Case {
+        std::string text;
+        bool ok;
+        std::size_t entries;
+        const char* message;
+    } cases[] = {
+        {"<html>404</html>", false, 0,
+         "Unable to parse Json document: Invalid value. -> corrupted (0)\n"},
+        {whole.substr(0, whole.size() / 2), false, 0, "Unable to parse Json document: "},
+        {std::string(100000, '[') + std::string(100000, ']'), false, 0, "corrupted"},
+        {std::string(R"({"Plugins":[{"Name":"a)") + '\0' + R"(b"}],"Images":[]})", false, 0,
+         "corrupted"},
+        {whole + '\0' + "garbage", false, 0, "corrupted"},
+        {R"({"Plugins":{"Name":"x"},"Images":7})", true, 0, "\"Plugins\" is not an array"},
+        {R"({"Plugins":[3,{"Name":5,"Windows":7,"Major":"2"}],"Images":[1]})", true, 1,
+         "not an object [Name]\n"},
+        {"[1,2,3]", true, 0, "the document is not an object"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text.substr(0, 40));
+        CatalogueEntries entries;
+        std::string printed;
+        EXPECT_EQ(read(c.text, entries, printed), c.ok);
+        EXPECT_EQ(entries.size(), c.entries);
+        EXPECT_NE(printed.find(c.message), std::string::npos) << printed;
+        for (const auto& [name, entry] : entries)
+            EXPECT_FALSE(entry.hasWindowsFile);
+    }
+}
+
+void sendForever(Socket& socket, const std::string& head, const std::string& block) {
+    LoopbackHttpServer::writeAll(socket, head);
+    boost::system::error_code error;
+    while (!error)
+        boost::asio::write(socket, boost::asio::buffer(block), error);
+}
+
+// The request byte for byte (no port in "Host: "); any status is a document; only a broken
+// transfer fails, and a peer that never ends its head cannot grow the buffer for ever.
+TEST(HttpGet, RequestBytesAndServerBehaviours) {
+    const std::string big(3 * 1024 * 1024 + 17, 'b');  // beyond one read buffer
+    auto answer = [](const std::string& bytes) {
+        return [bytes](Socket& s, auto&) { LoopbackHttpServer::writeAll(s, bytes); };
+    };
+    struct Case {
+        const char* name;
+        LoopbackHttpServer::Handler handler;  // null: the server's 404 page
+        bool ok;
+        std::string body;
+    } cases[] = {
+        {"document", answer(LoopbackHttpServer::response(200, "{}")), true, "{}"},
+        {"error page", nullptr, true, "<html><body><h1>404 Not Found</h1></body></html>"},
+        {"close after head", answer("HTTP/1.0 200 OK\r\nContent-Length: 10\r\n\r\n"), true, ""},
+        {"no header lines", answer("HTTP/1.0 200 OK\r\n\r\nbare"), true, "bare"},
+        {"big body", answer(LoopbackHttpServer::response(200, big)), true, big},
+        {"endless head",
+         [](Socket& s, auto&) { sendForever(s, "HTTP/1.0 200 OK\r\n", "X: y\r\n"); }, false, ""},
+        {"endless status", [](Socket& s, auto&) { sendForever(s, "", std::string(65536, 'x')); },
+         false, ""},
+        {"reset in the body",
+         [](Socket& s, auto&) {
+             LoopbackHttpServer::writeAll(s, "HTTP/1.0 200 OK\r\n\r\n" + std::string(5000, 'b'));
+             s.set_option(boost::asio::socket_base::linger(true, 0));  // close = reset
+             s.close();
+         },
+         false, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        LoopbackHttpServer server;
+        if (c.handler)
+            server.handle("/plugins.json", c.handler);
+        std::ostringstream body;
+        ASSERT_EQ(vlm::httpGet(server.host(), c.handler ? "/plugins.json" : "/x", body), c.ok);
+        EXPECT_TRUE(!c.ok || body.str() == c.body) << body.str().size();
+        EXPECT_EQ(server.requests().front(),
+                  std::string("GET ") + (c.handler ? "/plugins.json" : "/x") +
+                      " HTTP/1.0\r\nHost: 127.0.0.1\r\nAccept: */*\r\nConnection: close\r\n\r\n");
+    }
+    std::ostringstream body;
+    const std::string refused = "127.0.0.1:" + std::to_string(vlm::test::freeLoopbackPort());
+    EXPECT_FALSE(vlm::httpGet(refused, "/plugins.json", body));
+    // A label over 63 bytes fails inside the resolver library: no query leaves the machine.
+    EXPECT_FALSE(vlm::httpGet(std::string(70, 'a') + ".invalid", "/plugins.json", body));
+    EXPECT_EQ(body.str(), "");
+}
+
+}  // namespace
