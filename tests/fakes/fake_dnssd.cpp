@@ -63,16 +63,20 @@ FAKE Error DNSSD_API DNSServiceProcessResult(Ref ref) {
             return 0;
         reply = std::move(ref->pending.front());
         ref->pending.pop_front();
-        ++shared().delivering;
+        ++shared().delivering, shared().dispatching = ref;
+        shared().dispatcher = std::this_thread::get_id();
     }
     reply(ref);  // unlocked: callbacks open and close operations
     lock hold(shared().mutex);
-    --shared().delivering;
+    --shared().delivering, shared().dispatching = nullptr;
     shared().changed.notify_all();
     return 0;
 }
 FAKE void DNSSD_API DNSServiceRefDeallocate(Ref ref) {
     lock hold(shared().mutex);
+    // Freed on another thread while dispatched: a use after free with a real library.
+    if (ref && ref == shared().dispatching && std::this_thread::get_id() != shared().dispatcher)
+        std::abort();
     if (ref && ref->open)
         ref->open = false, ref->pending.clear(), close(ref->fd);
     shared().changed.notify_all();

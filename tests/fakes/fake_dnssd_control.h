@@ -16,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "velmor_dnssd.h"
@@ -39,6 +40,8 @@ struct state {
     std::map<std::string, DNSServiceErrorType> failures;
     std::map<std::string, std::string> calls;
     int delivering = 0;
+    DNSServiceRef dispatching = nullptr;  // a real library frees it under its caller
+    std::thread::id dispatcher;
 };
 state& shared();  // the fake library's own
 using lock = std::unique_lock<std::mutex>;

@@ -37,11 +37,8 @@ bool eventually(const std::function<bool()>& done) {
     return true;
 }
 
-// Threads beyond those the process had at the first test (a sanitizer has its own).
 int threads() {
-    std::filesystem::directory_iterator tasks("/proc/self/task");
-    static const int base = std::distance(tasks, std::filesystem::directory_iterator());
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}) - base + 1;
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
 // Standard output (the log) goes to a file while it lives; shown when the test failed.
@@ -110,15 +107,14 @@ class Zeroconf : public ::testing::Test {
 public:
     void SetUp() override {
         fake().reset();
-        // A client dropped on its own poll thread leaves the thread to end by itself.
-        ASSERT_TRUE(eventually([&] { return threads() == 1; }));
         client = zeroconf::client::create(5);
+        without_client = threads() - 1;  // a sanitizer may have started a thread of its own
     }
     void TearDown() override {
         browser.reset(), service.reset(), hosts.reset(), client.reset();
         // Every operation ends with its object, and the poll thread with its client.
         EXPECT_TRUE(eventually([] { return fake().open_count(nullptr) == 0; }));
-        EXPECT_TRUE(eventually([&] { return threads() == 1; }));
+        EXPECT_TRUE(eventually([&] { return threads() == without_client; }));
     }
     void browse(const std::string& filter = "", bool reconfirm = false) {
         browser = client->create_browser(filter, "_http._tcp", "_ravenna", listener, reconfirm);
@@ -154,6 +150,7 @@ public:
     }
 
     Log log;
+    int without_client = 0;
     boost::shared_ptr<Listener> listener = boost::make_shared<Listener>();
     boost::shared_ptr<zeroconf::client> client;
     boost::shared_ptr<zeroconf::browser> browser;
@@ -369,8 +366,10 @@ INSTANTIATE_TEST_SUITE_P(
 // The client dropped inside a callback must not wait for its own thread.
 TEST_F(Zeroconf, ClientDestroyedInsideACallbackDoesNotDeadlock) {
     browse();
-    listener->on_add = [&] { browser.reset(), client.reset(); };
+    std::atomic<bool> dropped{false};
+    listener->on_add = [&] { browser.reset(), client.reset(), dropped = true; };
     chain();
+    EXPECT_TRUE(eventually([&] { return dropped.load(); }));
     EXPECT_TRUE(log.wait("destroyed from poll_thread_\n"));
 }
 
@@ -386,27 +385,31 @@ TEST_F(Zeroconf, Serves512OperationsAndNoMore) {
         open.push_back(client->create_hostname_browser("h" + std::to_string(i), listener));
     }
     EXPECT_TRUE(log.wait("fdset too small\n"));
-    EXPECT_TRUE(eventually([&] { return threads() == 1; }));
+    EXPECT_TRUE(eventually([&] { return threads() == without_client; }));
 }
 
 // Operations made and dropped on another thread while the poll thread dispatches: nothing is
 // freed under a dispatch (ThreadSanitizer would report it) and nothing is left open.
 TEST_F(Zeroconf, OperationsComeAndGoWhileThePollThreadDispatches) {
     browse();
-    std::atomic<bool> stop{false};
     std::thread churn([&] {
-        while (!stop) {
-            auto b = client->create_browser("", "_churn._tcp", "", listener, false);
-            auto s = client->create_service("churn", "_http._tcp", 80, {}, {}, [](int) {});
-            fake().browse_event("_churn._tcp", 0, 5, 0, "x", "_churn._tcp.", "local.");
-            fake().register_answer("churn", 0, 0, "churn", "_http._tcp.", "local.");
+        for (int i = 0; i < 50; ++i) {  // each dropped while its callback runs
+            std::atomic<bool> entered{false};
+            std::string name = "churn" + std::to_string(i);
+            auto s = client->create_service(name, "_t._tcp", 80, {}, {}, [&](int) {
+                entered = true;
+                std::this_thread::sleep_for(2ms);
+            });
+            auto b = client->create_browser("", name, "", listener, false);
+            fake().register_answer(name.c_str(), 0, 0, "x", "_t._tcp.", "local.");
+            fake().browse_event(name.c_str(), 0, 5, 0, "x", "_t._tcp.", "local.");
+            EXPECT_TRUE(eventually([&] { return entered.load(); }));
         }
     });
     for (int i = 0; i < 300; ++i)
         announce("_velmor_a", 0);
-    EXPECT_EQ(settled(300).size() >= 300, true);
-    stop = true;
     churn.join();
+    EXPECT_GE(settled(300).size(), 300u);
 }
 
 // TXT records: length-prefixed entries, empty ones left out, an entry over 127 bytes or a record
