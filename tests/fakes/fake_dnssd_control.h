@@ -15,7 +15,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <sstream>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -46,33 +46,28 @@ struct state {
 state& shared();  // the fake library's own
 using lock = std::unique_lock<std::mutex>;
 
-// Text that keeps its null-ness (Avahi's error answers have null names); bytes; an address.
-struct text {
-    explicit text(const char* s) : null(!s), value(s ? s : "") {}
-    bool null;
-    std::string value;
-};
-struct bytes {
-    bytes(const void* data, std::size_t size)
-        : value((const unsigned char*)data, (const unsigned char*)data + (data ? size : 0)) {}
-    std::vector<unsigned char> value;
-};
-struct address {
-    sockaddr_in6 storage;
-    bool present;
-};
+// Copies of the arguments: text keeps its null-ness (Avahi's error answers have null names).
+using text = std::optional<std::string>;
+using bytes = std::vector<unsigned char>;
+using address = std::optional<sockaddr_in6>;
+inline text copy(const char* s) {
+    return s ? text(s) : std::nullopt;
+}
+inline bytes copy(const void* data, std::size_t size) {
+    return data ? bytes((const unsigned char*)data, (const unsigned char*)data + size) : bytes();
+}
 template <typename T>
 const T& unwrap(const T& value) {
     return value;
 }
 inline const char* unwrap(const text& t) {
-    return t.null ? nullptr : t.value.c_str();
+    return t ? t->c_str() : nullptr;
 }
 inline const unsigned char* unwrap(const bytes& b) {
-    return b.value.empty() ? nullptr : b.value.data();
+    return b.empty() ? nullptr : b.data();
 }
 inline const sockaddr* unwrap(const address& a) {
-    return a.present ? (const sockaddr*)&a.storage : nullptr;
+    return a ? (const sockaddr*)&*a : nullptr;
 }
 
 inline DNSServiceRef find_open(const char* function, const char* key) {
@@ -101,80 +96,73 @@ using i32 = std::int32_t;
 using cstr = const char*;
 
 struct control {
-    void (*reset)() = [] {
+    void reset() const {
         lock hold(shared().mutex);
         shared().failures.clear(), shared().calls.clear();
-    };
+    }
     // Later calls of function fail with error (0: succeed again).
-    void (*fail)(cstr function, i32 error) = [](cstr function, i32 error) {
+    void fail(cstr function, i32 error) const {
         lock hold(shared().mutex);
         shared().failures[function] = error;
-    };
-    int (*wait_open)(cstr function, cstr key, int timeout_ms) = [](cstr f, cstr key, int timeout) {
+    }
+    int wait_open(cstr function, cstr key, int timeout_ms) const {
         lock hold(shared().mutex);
-        return (int)shared().changed.wait_for(hold, ms(timeout), [&] { return find_open(f, key); });
-    };
-    int (*open_count)(cstr function) = [](cstr function) {
+        return shared().changed.wait_for(hold, ms(timeout_ms),
+                                         [&] { return find_open(function, key); });
+    }
+    int open_count(cstr function) const {
         lock hold(shared().mutex);
         int count = 0;
         for (const auto& operation : shared().operations)
             count += operation->open && (!function || operation->function == function);
         return count;
-    };
+    }
     // Every queued answer delivered, its callback returned.
-    int (*wait_idle)(int timeout_ms) = [](int timeout) {
+    int wait_idle(int timeout_ms) const {
         lock hold(shared().mutex);
-        return (int)shared().changed.wait_for(hold, ms(timeout), [] {
+        return shared().changed.wait_for(hold, ms(timeout_ms), [] {
             for (const auto& operation : shared().operations)
                 if (operation->open && !operation->pending.empty())
                     return false;
             return shared().delivering == 0;
         });
-    };
-    int (*browse_event)(cstr regtype, u32 flags, u32 index, i32 error, cstr name, cstr type,
-                        cstr domain) = [](cstr key, u32 flags, u32 index, i32 error, cstr name,
-                                          cstr type, cstr domain) {
-        return answer<DNSServiceBrowseReply>("DNSServiceBrowse", key, flags, index, error,
-                                             text(name), text(type), text(domain));
-    };
-    int (*resolve_answer)(cstr name, u32 flags, u32 index, i32 error, cstr fullname, cstr host,
-                          u16 port_network_order, u16 txt_length, const unsigned char* txt) =
-        [](cstr key, u32 flags, u32 index, i32 error, cstr fullname, cstr host, u16 port,
-           u16 length, const unsigned char* txt) {
-            return answer<DNSServiceResolveReply>("DNSServiceResolve", key, flags, index, error,
-                                                  text(fullname), text(host), port,
-                                                  u16(txt ? length : 0), bytes(txt, length));
-        };
-    int (*query_answer)(cstr fullname, u32 flags, u32 index, i32 error, cstr answer_name,
-                        u16 rrtype, u16 rrclass, u16 length, const void* data,
-                        u32 ttl) = [](cstr key, u32 flags, u32 index, i32 error, cstr name,
-                                      u16 type, u16 rrclass, u16 length, const void* data,
-                                      u32 ttl) {
-        return answer<DNSServiceQueryRecordReply>("DNSServiceQueryRecord", key, flags, index, error,
-                                                  text(name), type, rrclass, u16(data ? length : 0),
-                                                  bytes(data, length), ttl);
-    };
-    int (*register_answer)(cstr name, u32 flags, i32 error, cstr answer_name, cstr type,
-                           cstr domain) = [](cstr key, u32 flags, i32 error, cstr name, cstr type,
-                                             cstr domain) {
-        return answer<DNSServiceRegisterReply>("DNSServiceRegister", key, flags, error, text(name),
-                                               text(type), text(domain));
-    };
-    // family 2: address holds 4 bytes; 10: 16 bytes; 0: no address structure.
-    int (*address_answer)(cstr hostname, u32 flags, u32 index, i32 error, cstr answer_host,
-                          int family, const unsigned char* address_bytes) =
-        [](cstr key, u32 flags, u32 index, i32 error, cstr host, int family,
-           const unsigned char* bytes) {
-            address copy{{}, family != 0};
-            copy.storage.sin6_family = static_cast<sa_family_t>(family);
-            if (bytes)
-                std::memcpy(family == AF_INET ? (void*)&((sockaddr_in*)&copy.storage)->sin_addr
-                                              : &copy.storage.sin6_addr,
-                            bytes, family == AF_INET ? 4 : 16);
-            return answer<DNSServiceGetAddrInfoReply>("DNSServiceGetAddrInfo", key, flags, index,
-                                                      error, text(host), copy, u32(0));
-        };
-
+    }
+    int browse_event(cstr regtype, u32 flags, u32 index, i32 error, cstr name, cstr type,
+                     cstr domain) const {
+        return answer<DNSServiceBrowseReply>("DNSServiceBrowse", regtype, flags, index, error,
+                                             copy(name), copy(type), copy(domain));
+    }
+    int resolve_answer(cstr name, u32 flags, u32 index, i32 error, cstr fullname, cstr host,
+                       u16 port_network_order, u16 txt_length, const unsigned char* txt) const {
+        return answer<DNSServiceResolveReply>("DNSServiceResolve", name, flags, index, error,
+                                              copy(fullname), copy(host), port_network_order,
+                                              u16(txt ? txt_length : 0), copy(txt, txt_length));
+    }
+    int query_answer(cstr fullname, u32 flags, u32 index, i32 error, cstr answer_name, u16 rrtype,
+                     u16 rrclass, u16 length, const void* data, u32 ttl) const {
+        return answer<DNSServiceQueryRecordReply>("DNSServiceQueryRecord", fullname, flags, index,
+                                                  error, copy(answer_name), rrtype, rrclass,
+                                                  u16(data ? length : 0), copy(data, length), ttl);
+    }
+    int register_answer(cstr name, u32 flags, i32 error, cstr answer_name, cstr type,
+                        cstr domain) const {
+        return answer<DNSServiceRegisterReply>("DNSServiceRegister", name, flags, error,
+                                               copy(answer_name), copy(type), copy(domain));
+    }
+    // An IPv4 or IPv6 address as text; null: no address structure.
+    int address_answer(cstr hostname, u32 flags, u32 index, i32 error, cstr answer_host,
+                       cstr address_text) const {
+        address a;
+        if (address_text) {
+            const bool v6 = std::strchr(address_text, ':');
+            a = sockaddr_in6{};
+            a->sin6_family = v6 ? AF_INET6 : AF_INET;
+            inet_pton(a->sin6_family, address_text,
+                      v6 ? (void*)&a->sin6_addr : &((sockaddr_in*)&*a)->sin_addr);
+        }
+        return answer<DNSServiceGetAddrInfoReply>("DNSServiceGetAddrInfo", hostname, flags, index,
+                                                  error, copy(answer_host), a, u32(0));
+    }
     // The arguments of the last call of function; empty when there was none.
     std::string last(cstr function) const {
         lock hold(shared().mutex);

@@ -3,29 +3,17 @@
 // Avahi's own tools are the other side.
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <functional>
-#include <map>
 #include <sstream>
-#include <thread>
 
-#include <sys/stat.h>
-
-#include "TestNet.h"
-#include "TestSupport.h"
+#include "ProgramsOnHost.h"
 
 using namespace std::chrono_literals;
 using vlm::test::Child;
-using vlm::test::shellQuote;
 
 namespace {
 
 bool eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = 20s) {
-    for (auto end = std::chrono::steady_clock::now() + limit; !done();
-         std::this_thread::sleep_for(20ms))
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-    return true;
+    return vlm::test::eventually(done, limit, 20ms);
 }
 std::size_t count(const std::string& text, const std::string& part) {
     std::size_t found = 0, at = 0;
@@ -72,8 +60,8 @@ protected:
         return child;
     }
     // avahi-publish-service on host, once Avahi established the name.
-    Child& publish(const std::string& host, const std::vector<std::string>& args) {
-        return tool(host, args, "", "avahi-publish-service");
+    void publish(const std::string& host, const std::vector<std::string>& args) {
+        tool(host, args, "", "avahi-publish-service");
     }
     // What Avahi on host knows of a service type: one line per instance and transport.
     std::string view(const std::string& host, const std::string& type) const {
