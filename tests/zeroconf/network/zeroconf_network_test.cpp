@@ -9,12 +9,10 @@
 
 using namespace std::chrono_literals;
 using vlm::test::Child;
+using vlm::test::eventually;
 
 namespace {
 
-bool eventually(const std::function<bool()>& done, std::chrono::milliseconds limit = 20s) {
-    return vlm::test::eventually(done, limit, 20ms);
-}
 std::size_t count(const std::string& text, const std::string& part) {
     std::size_t found = 0, at = 0;
     for (; (at = text.find(part, at)) != std::string::npos; ++at)
@@ -59,10 +57,6 @@ protected:
             << child.errors();
         return child;
     }
-    // avahi-publish-service on host, once Avahi established the name.
-    void publish(const std::string& host, const std::vector<std::string>& args) {
-        tool(host, args, "", "avahi-publish-service");
-    }
     // What Avahi on host knows of a service type: one line per instance and transport.
     std::string view(const std::string& host, const std::string& type) const {
         std::string output;
@@ -70,8 +64,8 @@ protected:
         return output;
     }
     bool seen(const std::string& host, const std::string& type, const std::string& text,
-              bool present = true, std::chrono::milliseconds limit = 20s) const {
-        return eventually([&] { return count(view(host, type), text) == present; }, limit);
+              bool present = true) const {
+        return eventually([&] { return count(view(host, type), text) == present; });
     }
     std::string resolved(const std::string& name, const std::string& host, int port) const {
         return "=;eth0;IPv4;" + name + ";_http._tcp;local;" + host + ".local;" + net.address(host) +
@@ -120,18 +114,18 @@ TEST_F(ZeroconfNetwork, RegistrationIsSeenAsGivenAndBrowsedOnceUntilWithdrawn) {
 // A name taken on another host or on the same one: a conflict, reported once, and the name Avahi
 // picked instead ("Taken #2") is never left on the network.
 TEST_F(ZeroconfNetwork, TakenNameIsAConflictAndNeverRenamed) {
-    publish("a", {"Taken", "_http._tcp", "1234"});
+    tool("a", {"Taken", "_http._tcp", "1234"}, "", "avahi-publish-service");
     ASSERT_TRUE(seen("b", "_http._tcp", resolved("Taken", "a", 1234)));
     for (const std::string host : {"b", "a"}) {
         Child& service = tool(host, {"register", "Taken", "_http._tcp", "4321", "-"});
-        ASSERT_TRUE(eventually([&] { return !reports(service, "status").empty(); }, 15s))
+        ASSERT_TRUE(eventually([&] { return !reports(service, "status").empty(); }))
             << log(service);
         EXPECT_EQ(reports(service, "status")[0], std::vector<std::string>{"2"}) << host;
         EXPECT_NE(log(service).find("bonjour_service failed name collision (-65548)"),
                   std::string::npos);
         std::this_thread::sleep_for(2s);  // a withdrawn record lingers up to 1 s
         for (const std::string viewer : {"a", "b"})
-            EXPECT_TRUE(seen(viewer, "_http._tcp", "Taken\\032", false, 15s))
+            EXPECT_TRUE(seen(viewer, "_http._tcp", "Taken\\032", false))
                 << view(viewer, "_http._tcp");
         stop(service);
         EXPECT_EQ(reports(service, "status").size(), 1u);
@@ -144,10 +138,11 @@ TEST_F(ZeroconfNetwork, TakenNameIsAConflictAndNeverRenamed) {
 // daemon is logged too, and a new browse is then refused as ServiceNotRunning.
 TEST_F(ZeroconfNetwork, FailedResolveAndKilledDaemonAreLoggedWithManyDescriptorsOpen) {
     Child& browser = tool("b", {"browse", "_velmortest._tcp"}, "OPEN_DESCRIPTORS=1100");
-    publish("a", {"-H", "ghost.local", "Ghost", "_velmortest._tcp", "4000"});
+    tool("a", {"-H", "ghost.local", "Ghost", "_velmortest._tcp", "4000"}, "",
+         "avahi-publish-service");
     auto lines = [&] { return count(log(browser), "zeroconf_category: errorCode = "); };
     ASSERT_TRUE(eventually([&] { return lines() == 1; })) << log(browser);
-    publish("a", {"Real", "_velmortest._tcp", "4001"});
+    tool("a", {"Real", "_velmortest._tcp", "4001"}, "", "avahi-publish-service");
     ASSERT_TRUE(eventually([&] { return !reports(browser, "add").empty(); })) << log(browser);
     EXPECT_EQ(reports(browser, "add")[0][2], "Real");
     EXPECT_EQ(lines(), 1u) << log(browser);
