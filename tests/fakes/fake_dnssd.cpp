@@ -39,12 +39,10 @@ Error open(Ref* ref, const char* function, const char* key, Callback callback, v
     if (Error error = record(function, args...))
         return error;
     lock hold(shared().mutex);
-    auto& operation = shared().operations.emplace_back(
-        std::make_unique<_DNSServiceRef_t>(function, key ? key : "(null)"));
-    operation->fd = eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK);
-    operation->callback = reinterpret_cast<void*>(callback);
-    operation->context = context;
-    *ref = operation.get();
+    *ref = new _DNSServiceRef_t{function, key ? key : "(null)",
+                                eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK),
+                                reinterpret_cast<void*>(callback), context};
+    shared().operations.emplace_back(*ref);
     shared().changed.notify_all();
     return 0;
 }

@@ -22,12 +22,11 @@
 #include "velmor_dnssd.h"
 
 struct _DNSServiceRef_t {
-    _DNSServiceRef_t(const char* function, const char* key) : function(function), key(key) {}
     std::string function, key;
-    int fd = -1;  // an eventfd counting the queued answers
+    int fd;  // an eventfd counting the queued answers
+    void *callback, *context;
     bool open = true;
-    void *callback = nullptr, *context = nullptr;
-    std::deque<std::function<void(DNSServiceRef)>> pending;
+    std::deque<std::function<void(DNSServiceRef)>> pending = {};
 };
 
 namespace fake_dnssd {
