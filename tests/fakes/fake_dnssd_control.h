@@ -1,10 +1,8 @@
 #pragma once
-// The fake DNS-SD library (tests/fakes) as its tests drive it: they link it, and the zeroconf
-// table loads the same file through VELMOR_DNSSD_LIBRARY. Operations are named by the function
-// that opens them and matched on one argument, their key: a browse's regtype, a resolve's or
-// registration's name, a query's full name, an address query's host name. An answer goes to the
-// oldest open operation with that key and is delivered when the poll thread calls
-// DNSServiceProcessResult; a call is recorded as its arguments, space-separated.
+// The fake DNS-SD library as tests drive it (they link it; the zeroconf table loads it through
+// VELMOR_DNSSD_LIBRARY). An answer goes to the oldest open operation of that function with that
+// key (a browse's regtype, a resolve's or registration's name, a query's full name, an address
+// query's host name), delivered when the poll thread calls DNSServiceProcessResult.
 #include <arpa/inet.h>
 #include <unistd.h>
 

@@ -1,6 +1,5 @@
-// The zeroconf library, its Avahi binding and the engine's announcement against real Avahi
-// daemons on test hosts: only what needs a real daemon. The library runs in zeroconf_host_tool;
-// Avahi's own tools are the other side.
+// The zeroconf library and its Avahi binding against real daemons on test hosts: the library runs
+// in zeroconf_host_tool, Avahi's own tools are the other side.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -80,12 +79,10 @@ protected:
     std::vector<std::unique_ptr<Child>> children;
 };
 
-// Our registration as the other host sees it: the name's dot and backslash, the subtype, the
-// TXT entries in the order given (Avahi alone reverses them); our browser reads it back the same,
-// once although Avahi reports it per transport, and hears the goodbye at once. A service whose
-// host has no address: Avahi gives up its resolve with null names (once fatal to the agent), one
-// log line in a process whose sockets are numbered above 1023 (select broke there). A killed
-// daemon is logged too, and a new browse is then refused as ServiceNotRunning.
+// Our registration as seen elsewhere: escapes, subtype, TXT order (Avahi alone reverses it); our
+// browser reads it once (not per transport) and hears the goodbye. A resolve Avahi gives up on
+// (null names) is one line, with sockets above 1023 (select broke there); so is a killed daemon,
+// after which a browse is refused as ServiceNotRunning.
 TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSeesThem) {
     Child& browser =
         tool("b", {"browse", "_http._tcp", "_ravenna", "a.local."}, "OPEN_DESCRIPTORS=1100");
