@@ -189,6 +189,7 @@ struct Stage {
     const char* name;
     const char* line;
     std::size_t times;
+    friend void PrintTo(const Stage& stage, std::ostream* out) { *out << stage.name; }
 };
 class ErrorAtEachStage : public Zeroconf, public ::testing::WithParamInterface<Stage> {};
 
