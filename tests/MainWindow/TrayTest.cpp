@@ -17,7 +17,7 @@
 #include <QTimer>
 #include <QUrl>
 
-#include "Agent/AgentFixture.h"
+#include "AgentTestSupport.h"
 #include "MainWindow/About.h"
 #include "MainWindow/Settings.h"
 #include "Roles.h"

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "AgentOnHost.h"
+#include "ProgramsOnHost.h"
 
 using namespace std::chrono_literals;
 using namespace vlm::test;
