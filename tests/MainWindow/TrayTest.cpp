@@ -234,6 +234,14 @@ TEST_F(TrayTest, RestartGuardTable) {
                                   "Local Server Died | No further attempts to revive "
                                   "local server as it crashes rapidly"));
     }
+    // A death reported on the watcher's thread restarts the engine, whose own quick death
+    // (/bin/false) is then given up.
+    build();
+    std::thread([this] { tray->onEngineDied(); }).join();
+    EXPECT_TRUE(vlm::test::eventually([&] {
+        QCoreApplication::processEvents();
+        return balloons.size() == 1;
+    }));
 }
 
 // "&About" runs the box modally, sized by the scale (truncated), the agent's picture filling
