@@ -3,7 +3,7 @@
 #include <curl/curl.h>
 #include <future>
 
-#include "Agent/AgentFixture.h"
+#include "AgentTestSupport.h"
 #include "plugins/LoopbackHttpServer.h"
 
 namespace {

@@ -10,7 +10,7 @@
 
 #include "Agent/BrowserListener.h"
 #include "Agent/EndpointProbe.h"
-#include "AgentFixture.h"
+#include "AgentTestSupport.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <arpa/inet.h>
 #include <cstdio>
 
-#include "AgentFixture.h"
+#include "AgentTestSupport.h"
 #include "fake_dnssd_control.h"
 
 namespace {

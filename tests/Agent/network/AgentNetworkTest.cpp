@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "AgentOnHost.h"
+#include "ProgramsOnHost.h"
 
 namespace {
 
