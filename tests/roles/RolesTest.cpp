@@ -153,30 +153,6 @@ TEST_F(Roles, CommandLine) {
     }
 }
 
-// A second agent hands over to the first, every time; bytes other than a 4-byte 0 do nothing;
-// a killed agent's socket file does not block the next one; ending the session quits as
-// "&Quit" does and removes the socket.
-TEST_F(Roles, SingleInstanceHandOver) {
-    writeConfig(R"({"mode": null})");  // no search: the splash closes at once
-    auto crashed = start({});
-    ASSERT_TRUE(crashed->waitForOutput(kBanner, 10s));
-    crashed->kill(SIGKILL);
-    crashed->wait(5s);
-    auto first = start({});
-    ASSERT_TRUE(first->waitForOutput(kBanner, 10s)) << first->output();
-    EXPECT_EQ(first->output().substr(0, kBanner.size()), kBanner);
-    const std::string name = runtime.path() + "/velmor_agent_singleton";
-    for (const std::string& bytes : {std::string("\x01\x00\x00\x00xy", 6), std::string(1, '\0')})
-        sendTo(name, bytes);
-    EXPECT_FALSE(first->waitForOutput(kShowRequest, 300ms));
-    expectHandOver(*first);
-    expectHandOver(*first);
-    first->kill(SIGTERM);
-    EXPECT_EQ(first->wait(10s), 0);
-    EXPECT_TRUE(first->waitForOutput("Asked to end: quitting", 1s)) << first->output();
-    EXPECT_FALSE(fs::exists(name));
-}
-
 // Where the guard's folder is not private to the user, the agent runs without the hand-over and
 // says so once; a socket of another user found there is never used (nor ours by an agent of
 // nobody, whose two agents hand over through their own folder, as ours do without
