@@ -51,8 +51,6 @@ TEST_F(AppConfigTest, FilesReadChangedAndKept) {
         {"round trip", [](auto& f) { writeFile(f, R"({ "mode" : 2, "r": 0.1, "plugins": [] })"); }, "2", "", R"({"mode":1,"r":0.1,"plugins":[]})"},
         {"wrong types", [](auto& f) { writeFile(f, R"({"mode":"x","plugins":5})"); }, "other", "", R"({"mode":1,"plugins":5})"},
         {"not json", [](auto& f) { writeFile(f, "{ not json"); }, "", "does not hold a JSON object", ""},
-        {"empty", [](auto& f) { writeFile(f, ""); }, "", "does not hold a JSON object", ""},
-        {"array", [](auto& f) { writeFile(f, "[1, 2]"); }, "", "does not hold a JSON object", ""},
         {"folder", [](auto& f) { fs::create_directory(f); }, "", "cannot be read (not a regular file)", ""},
         {"fifo", [](auto& f) { mkfifo(f.c_str(), 0600); }, "", "cannot be read (not a regular file)", ""},
         // clang-format on
@@ -168,8 +166,8 @@ TEST_F(AppConfigTest, EmptyHomeGetsEveryFolder) {
     EXPECT_EQ(config.webAppFolder, base + "/webapp");  // kept although it does not exist
 }
 
-// The built-in plug-in table seeds a configuration without "plugins", in order; a user's list
-// is kept as it is; lookups match the exact file name and skip entries without one.
+// The built-in plug-in table seeds a configuration without "plugins", in order; lookups match
+// the exact file name.
 TEST_F(AppConfigTest, PluginTable) {
     writeFile(file, "{}");
     vlm::AppConfig config;
@@ -190,14 +188,6 @@ TEST_F(AppConfigTest, PluginTable) {
                  "Halden based devices proxy");
     for (const char* other : {"PROXY_HALDEN.dll", "proxy_halden", "proxy_halden.dl"})
         EXPECT_EQ(vlm::findPluginEntry(config, other), nullptr) << other;
-    writeFile(file, R"({"plugins": [{"descr": "nameless"}, 7, {"name": "b.dll"}]})");
-    vlm::AppConfig user;
-    capturedOutput([&] { user.load(); });
-    const std::string out =
-        capturedOutput([&] { EXPECT_NE(vlm::findPluginEntry(user, "b.dll"), nullptr); });
-    EXPECT_EQ((*user.document)["plugins"].Size(), 3u);
-    EXPECT_EQ(vlm::findPluginEntry(user, "disco_bonjour.dll"), nullptr);
-    EXPECT_NE(out.find("rapidJson: member name not found; please fix it!\n"), std::string::npos);
 }
 
 // The interface filter list: absent or empty means none ("0"); an element whose hardware_id

@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
-#include <thread>
 
 #include "EngineServer.h"
 #include "Kelvane.h"
@@ -33,13 +31,13 @@ struct Raw {
             n = std::max<ssize_t>(0, ::send(fd, &bytes[sent], bytes.size() - sent, MSG_NOSIGNAL));
         return *this;
     }
-    // What arrives until the peer closes (closed) or a second passes in silence; or one read.
-    std::string read(bool once = false) {
+    // What arrives until the peer closes (closed) or a second passes in silence.
+    std::string read() {
         std::string data;
         char chunk[16384];
         ssize_t n = 0;
-        while ((n = recv(fd, chunk, sizeof chunk, 0)) > 0 && (data.append(chunk, n), !once)) {
-        }
+        while ((n = recv(fd, chunk, sizeof chunk, 0)) > 0)
+            data.append(chunk, n);
         closed = closed || n == 0 || (n < 0 && errno != EAGAIN);
         return data;
     }
@@ -125,41 +123,23 @@ TEST_F(EngineServer, AuthenticationMatrix) {
     expectStatuses({{get("/"), 200}, {post("/index.html", "{}", ""), 401}});
 }
 
-// Refused requests: headers, bodies, chunking, malformed requests, bad control bodies; the
+// Refused requests: oversized headers and bodies, malformed requests and control bodies; the
 // server serves on afterwards with its filters unchanged.
 TEST_F(EngineServer, RefusedRequests) {
-    const std::string big(9 * 1024, 'a'), deep(60000, '['),
-        chunked = "POST /get HTTP/1.1\r\n" + kAuth + "Transfer-Encoding: chunked\r\n\r\n";
-    std::string fields, chunks, objects;
+    const std::string big(9 * 1024, 'a'), filters = "/set_interface_filters";
+    std::string fields;
     for (int i = 0; i < 600; ++i)
         fields += "X-Field-" + std::to_string(i) + ": value\r\n";
-    for (int i = 0; i < 20; ++i)
-        chunks += "1000\r\n" + std::string(0x1000, ' ') + "\r\n";
-    for (int i = 0; i < 8000; ++i)
-        objects += "{\"a\":";
-    const std::string filters = "/set_interface_filters";
     // clang-format off
     expectStatuses({
         {"GET / HTTP/1.1\r\nX-Big: " + big + "\r\n\r\n", 431}, {"GET / HTTP/1.1\r\n" + fields + "\r\n", 431},
         {"GET /" + big + " HTTP/1.1\r\n\r\n", 431}, {"GET / HTTP/1.1\r\nConnection: close\r\nX: " + big.substr(3000) + "\r\n\r\n", 200},
-        {post("/get", R"({"Path": "$", "pad": ")" + std::string(70 * 1024, 'x') + "\"}"), 413},
         {"POST /get HTTP/1.1\r\n" + kAuth + "Content-Length: 100000000000\r\n\r\n", 413},
-        {chunked + chunks + "0\r\n\r\n", 413}, {chunked + "10;ext=" + std::string(4 << 20, 'e'), 0},
-        {"GARBAGE\r\n\r\n", 400}, {"GET / HTTP/9.9\r\n\r\n", 400}, {"GET / HTTP/1.1\r\nBad Header\r\n\r\n", 400},
-        {"POST /get HTTP/1.1\r\nContent-Length: -5\r\n\r\n", 400}, {"POST /get HTTP/1.1\r\nContent-Length: 40\r\n\r\n{\"P", 0},
-        {post("/get", deep), 400}, {post("/get", objects), 400}, {post(filters, deep), 400},
-        {post("/get", std::string(30000, '[') + std::string(30000, ']')), 400},
-        {post("/get", ""), 400}, {post("/get", "[]"), 400}, {post("/get", R"({"Path": 5})"), 400},
-        {post("/get", R"({"path": "$"})"), 400}, {post("/get", R"({"Path": "$")"), 400},
-        {post("/get", R"({"Path": "$.Config.Nothing"})"), 404}, {post("/get", R"({"Path": "$."})"), 404},
-        {post(filters, R"({"Ip": "10.0.0.2", "Mask": "255.0.0.0"})"), 400}, {post(filters, "[1]"), 400},
-        {post(filters, R"([{"Ip": "10.0.0.2"}])"), 400}, {post(filters, R"([{"Ip": "300.0.0.2", "Mask": "255.0.0.0"}])"), 400},
-        {post(filters, R"([{"Ip": "::1", "Mask": "ffff::"}])"), 400}, {post(filters, R"([{"Ip": "10.0.0.2", "Mask": 8}])"), 400},
+        {"GARBAGE\r\n\r\n", 400}, {post("/get", std::string(60000, '[')), 400}, {post("/get", R"({"path": "$"})"), 400},
+        {post("/get", R"({"Path": "$.Config.Nothing"})"), 404}, {post(filters, R"([{"Ip": "::1", "Mask": "ffff::"}])"), 400},
         {post("/nothing", "{}"), 404}, {"PUT /get HTTP/1.1\r\n" + kAuth + "\r\n", 405},
     });
     // clang-format on
-    EXPECT_NE(ask(port, "PUT / HTTP/1.1\r\n\r\n").find("Allow: GET, HEAD, POST\r\n"),
-              std::string::npos);
     EXPECT_NE(ask(port, post("/get", R"({"Path": "$.Engine.InterfaceFilters"})"))
                   .find(R"([{"Ip":"127.0.0.1","Mask":"255.0.0.0"}])"),
               std::string::npos);
@@ -196,8 +176,8 @@ TEST_F(EngineServer, WebAppTraversal) {
     EXPECT_EQ(head.substr(head.find("Content-Length: ")), "Content-Length: 6\r\n\r\n");
 }
 
-// The library's life as the engine child lives it: filters checked, the document, keep-alive,
-// 100-continue, stalled clients, filters applied at once, a taken port, stop, start again.
+// The library's life as the engine child lives it: filters checked, the document, filters
+// applied at once, a taken port, stop, start again.
 TEST(Engine, Lifecycle) {
     vlm::test::TempDir common, appData;
     const std::string plugins = common.path() + "/Corvane Technologies/Velmor/Plugins";
@@ -227,23 +207,6 @@ TEST(Engine, Lifecycle) {
     EXPECT_NE(page.find("VELMOR Engine"), std::string::npos);
     EXPECT_NE(page.find("&lt;b&gt;"), std::string::npos);  // file names are never markup
 
-    std::vector<std::unique_ptr<Raw>> stalled;  // more than the server's threads
-    for (int i = 0; i < 32; ++i)
-        stalled.push_back(std::make_unique<Raw>(port));
-    const std::string again =
-        "POST /get HTTP/1.1\r\n" + kAuth + "Content-Length: 12\r\n\r\n{\"Path\":\"$\"}";
-    const std::string inTurn =
-        Raw(port).send(again + again + post("/get", R"({"Path":"$"})")).read();
-    int served = 0;  // keep-alive: one answer per request, in turn
-    for (std::size_t at = 0; (at = inTurn.find("HTTP/1.1 200 OK", at)) != std::string::npos; ++at)
-        ++served;
-    EXPECT_EQ(served, 3);
-    Raw asking(port);
-    asking.send("POST /get HTTP/1.1\r\n" + kAuth +
-                "Expect: 100-continue\r\nConnection: close\r\nContent-Length: 12\r\n\r\n");
-    EXPECT_EQ(statusOf(asking.read(true)), 100);
-    EXPECT_EQ(statusOf(asking.send(R"({"Path":"$"})").read()), 200);
-
     // Filters take effect before the answer: the old address is gone, the new one serves.
     const std::string moved =
         ask(port, post("/set_interface_filters", R"([{"Ip":"127.0.0.2","Mask":"255.0.0.0"}])"));
@@ -254,19 +217,8 @@ TEST(Engine, Lifecycle) {
     // Only another machine's address (an agent sends its own): listening on all, never on none.
     const std::string elsewhere = R"([{"Ip":"192.0.2.1","Mask":"255.255.255.0"}])";
     EXPECT_EQ(statusOf(ask(port, post("/set_interface_filters", elsewhere), "127.0.0.2")), 200);
-    std::atomic<int> ok{0};
-    std::vector<std::thread> clients;  // many at once, on any address now
-    for (int t = 0; t < 16; ++t)
-        clients.emplace_back([&] {
-            for (int i = 0; i < 20; ++i)
-                ok += statusOf(ask(port, post("/get", "{\"Path\":\"$\"}"), "127.0.0.3")) == 200;
-        });
-    for (auto& client : clients)
-        client.join();
-    EXPECT_EQ(ok, 16 * 20);
-
     KLV_Uninitialize();
-    EXPECT_EQ(statusOf(ask(port, again)), 0);
+    EXPECT_EQ(statusOf(ask(port, post("/get", R"({"Path":"$"})"), "127.0.0.3")), 0);
     KLV_Uninitialize();
     const int taken = socket(AF_INET, SOCK_STREAM, 0), reuse = 1;  // past TIME_WAITs
     setsockopt(taken, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);

@@ -9,8 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -23,6 +21,21 @@ extern char** environ;
 namespace vlm::test {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+// Polls until done() holds; false when the time runs out first.
+bool until(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+}  // namespace
 
 TempDir::TempDir() {
     std::string pattern = (fs::temp_directory_path() / "velmor-test-XXXXXX").string();
@@ -155,20 +168,10 @@ Child::~Child() {
 }
 
 std::optional<int> Child::wait(std::chrono::milliseconds timeout) {
-    if (status_)
-        return status_;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        int status = 0;
-        pid_t done = waitpid(pid_, &status, WNOHANG);
-        if (done == pid_) {
-            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-            return status_;
-        }
-        if (std::chrono::steady_clock::now() >= deadline)
-            return std::nullopt;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    int status = 0;
+    if (!status_ && until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
+        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    return status_;
 }
 
 void Child::kill(int signal) {
@@ -185,13 +188,7 @@ std::string Child::errors() const {
 }
 
 bool Child::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (output().find(text) == std::string::npos) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
+    return until([&] { return output().find(text) != std::string::npos; }, timeout);
 }
 
 unsigned short freeLoopbackPort() {
@@ -212,9 +209,11 @@ size_t collectBody(char* data, size_t size, size_t count, void* target) {
     return size * count;
 }
 
-HttpResponse request(const std::string& host, const std::string& method, unsigned short port,
-                     const std::string& target, const std::string& body,
-                     const std::string& credentials, std::chrono::milliseconds timeout) {
+}  // namespace
+
+HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
+                           const std::string& target, std::chrono::milliseconds timeout,
+                           const std::string& body, const std::string& credentials) {
     HttpResponse response;
     CURL* curl = curl_easy_init();
     if (!curl)
@@ -248,30 +247,15 @@ HttpResponse request(const std::string& host, const std::string& method, unsigne
     curl_easy_cleanup(curl);
     return response;
 }
-}  // namespace
-
-HttpResponse httpRequest(const std::string& method, unsigned short port, const std::string& target,
-                         const std::string& body, const std::string& credentials,
-                         std::chrono::milliseconds timeout) {
-    return request("127.0.0.1", method, port, target, body, credentials, timeout);
-}
-
-HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
-                           const std::string& target, std::chrono::milliseconds timeout,
-                           const std::string& body, const std::string& credentials) {
-    return request(host, method, port, target, body, credentials, timeout);
-}
 
 bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (httpRequest("POST", port, "/get", R"({"Path": "$"})", "anon:anon",
-                        std::chrono::milliseconds(500))
-                .status == 200)
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return until(
+        [&] {
+            return httpRequestTo("127.0.0.1", port, "POST", "/get", std::chrono::milliseconds(500),
+                                 R"({"Path": "$"})", "anon:anon")
+                       .status == 200;
+        },
+        timeout);
 }
 
 StdoutCapture::StdoutCapture() : file_(std::tmpfile()), saved_(dup(1)) {

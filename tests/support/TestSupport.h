@@ -91,12 +91,7 @@ struct HttpResponse {
     std::string body;
 };
 
-/// One HTTP request to 127.0.0.1; credentials as "user:password" or empty.
-HttpResponse httpRequest(const std::string& method, unsigned short port, const std::string& target,
-                         const std::string& body = {}, const std::string& credentials = {},
-                         std::chrono::milliseconds timeout = std::chrono::seconds(5));
-
-/// The same to another host.
+/// One HTTP request; credentials as "user:password" or empty.
 HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
                            const std::string& target,
                            std::chrono::milliseconds timeout = std::chrono::seconds(2),
