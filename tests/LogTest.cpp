@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <regex>
 
 #include "Log.h"
@@ -45,6 +46,47 @@ TEST(Log, ConsoleLine) {
         });
         EXPECT_TRUE(std::regex_match(out, std::regex(pattern(c.expected)))) << out;
     }
+}
+
+// Levels 8 and above never reach the console, but the hook (which replaces the console) gets
+// every level; a colour changed at run time is used.
+TEST(Log, HookHighLevelsAndColours) {
+    EXPECT_EQ(capturedOutput([] {
+                  vlm::logLine(8, "a.cpp", 1, "hidden\n");
+                  vlm::logCategoryLine("c", 9, "a.cpp", 1, "hidden\n");
+              }),
+              "");
+    static std::string seen;
+    vlm::logHook = [](std::uint32_t level, const char* file, int line, const char* message) {
+        seen = std::to_string(level) + file + ":" + std::to_string(line) + ":" + message;
+    };
+    EXPECT_EQ(capturedOutput([] { vlm::logLine(12, "b.cpp", 34, "value %d\n", 5); }), "");
+    vlm::logHook = nullptr;
+    EXPECT_EQ(seen, "12b.cpp:34:value 5\n");
+    char saved[vlm::kLogColourSize];
+    std::memcpy(saved, vlm::logColours[6], sizeof saved);
+    std::strcpy(vlm::logColours[6], "\033[34m");
+    const std::string out = capturedOutput([] { vlm::logLine(6, "a.cpp", 1, "blue"); });
+    std::memcpy(vlm::logColours[6], saved, sizeof saved);
+    EXPECT_NE(out.find("\033[34mblue\033[0m"), std::string::npos) << out;
+}
+
+// The file sink gets the same lines without colours.
+TEST(Log, FileSink) {
+    vlm::test::TempDir dir;
+    vlm::logFile = std::fopen(dir.file("log.txt").c_str(), "w");
+    capturedOutput([] {
+        vlm::logLine(2, "a.cpp", 1, "plain %d\n", 1);
+        vlm::logCategoryLine("cat", 2, "b.cpp", 9, "plain %d\n", 2);
+        vlm::logCategoryLine(nullptr, 2, "c.cpp", 10, "plain %d\n", 3);
+    });
+    std::fclose(vlm::logFile);
+    vlm::logFile = nullptr;
+    const std::string text = vlm::test::readFile(dir.file("log.txt"));
+    EXPECT_TRUE(std::regex_match(
+        text, std::regex(pattern("plain 1\nIn b.cpp, line 9:  cat: plain 2\nIn c.cpp, line 10: "
+                                 "plain 3\n"))))
+        << text;
 }
 
 }  // namespace

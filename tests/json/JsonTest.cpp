@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
+#include <thread>
 
 #include "TestSupport.h"
 #include "json/Json.h"
+#include "rapidjson/memorystream.h"
 #include "rapidjson/stringbuffer.h"
 #include "rapidjson/writer.h"
 
@@ -17,6 +20,14 @@ std::string text(const Value& value) {
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
     value.Accept(writer);
     return buffer.GetString();
+}
+
+std::string prohibited(int size) {
+    const AllocatorStatistics now = allocatorStatistics();
+    return "rapidJson: Malloc: allocation prohibited, size = " + std::to_string(size) +
+           "\nrapidJson: MemoryPoolAllocator: number of allocator: " +
+           std::to_string(now.allocators) + ", memory allocated: " + std::to_string(now.memory) +
+           "\n";
 }
 
 // Lookups: names match on length and bytes, absence is silent, a non-object says so, one
@@ -50,6 +61,12 @@ TEST(Json, Lookups) {
         EXPECT_EQ(capturedOutput([&] { result = c.call(document); }), c.said) << c.document;
         EXPECT_EQ(result, c.result) << c.document;
     }
+    Document many;
+    many.SetObject();
+    for (int i = 0; i < 100; ++i)  // the member table grows without losing members
+        ensurePath(many, {std::to_string(i).c_str(), "inner"});
+    for (int i = 0; i < 100; ++i)
+        EXPECT_NE(findPath(&many, {std::to_string(i).c_str(), "inner"}), nullptr) << i;
 }
 
 // The string rule: a reference, or a copy of length + 1 bytes, or of max_length + 1 grown to
@@ -87,6 +104,122 @@ TEST(Json, StringRule) {
               "rapidjson: SetStringRaw(abc): error: allocator((nil)) missing or max_length(64) "
               "== 0\n");
     EXPECT_TRUE(value.IsNull());
+}
+
+// A prohibited pool reports every allocation and still serves parsing and ensurePath; only
+// a deep copy is refused, leaving the destination as it was.
+TEST(Json, ProhibitedAllocator) {
+    Document document;
+    document.GetAllocator().allocationProhibited = true;
+    auto string = [](const std::string& text) {
+        return "rapidjson: SetStringRaw(" + text + "): error: allocation prohibited\n";
+    };
+    std::string expected =
+        string("a") + prohibited(2) + string("bc") + prohibited(3) + prohibited(32);
+    EXPECT_EQ(capturedOutput([&] { EXPECT_TRUE(parseString(document, R"({"a":"bc"})")); }),
+              expected);
+    expected = string("mode") + prohibited(5) + prohibited(64);  // the member table grows
+    EXPECT_EQ(capturedOutput([&] { ensurePath(document, {"mode"}); }), expected);
+    Document source;
+    parseString(source, R"({"new":[1]})");
+    EXPECT_EQ(capturedOutput([&] { copyValue(document, source, &document.GetAllocator()); }),
+              "rapidJson: CopyFrom Allocation is prohibited from this allocator\n");
+    EXPECT_EQ(text(document), R"({"a":"bc","mode":{}})");
+}
+
+// Chunks of the capacity (or of the request's rounded size), a caller's buffer served first
+// and kept, whole chunks given back by Clear, exact process-wide figures; Realloc grows the
+// newest block in place and copies any other.
+TEST(Json, PoolChunksAndReallocation) {
+    const AllocatorStatistics before = allocatorStatistics();
+    alignas(8) char buffer[1024];
+    {
+        MemoryPoolAllocator pool(buffer, sizeof buffer, 1024);
+        char* inside = static_cast<char*>(pool.Malloc(5));
+        EXPECT_TRUE(inside > buffer && inside < buffer + sizeof buffer);
+        EXPECT_EQ(static_cast<char*>(pool.Malloc(1)) - inside, 8);  // multiples of four bytes
+        EXPECT_EQ(pool.Malloc(0), nullptr);
+        pool.Malloc(1000);  // no room left: a chunk of the capacity
+        pool.Malloc(5001);  // more than the capacity: a chunk of its own rounded size
+        EXPECT_EQ(allocatorStatistics().allocators, before.allocators + 1);
+        EXPECT_EQ(allocatorStatistics().memory, before.memory + 1024 + 5004);
+        EXPECT_EQ(allocatorStatistics().lastAdded, before.memory + 1024 + 5004);
+        pool.Clear();
+        EXPECT_EQ(allocatorStatistics().lastCleared, before.memory);
+        EXPECT_EQ(pool.Malloc(5), inside);
+    }
+    EXPECT_EQ(allocatorStatistics().allocators, before.allocators);
+    EXPECT_EQ(allocatorStatistics().memory, before.memory);
+    MemoryPoolAllocator pool(256);
+    char* block = static_cast<char*>(pool.Malloc(8));
+    std::memcpy(block, "1234567", 8);
+    EXPECT_EQ(pool.Realloc(block, 8, 20), block);
+    pool.Malloc(4);
+    char* moved = static_cast<char*>(pool.Realloc(block, 20, 40));
+    EXPECT_NE(moved, block);
+    EXPECT_STREQ(moved, "1234567");
+    char* last = static_cast<char*>(pool.Malloc(180));
+    std::memcpy(last, "tail", 5);
+    EXPECT_STREQ(static_cast<char*>(pool.Realloc(last, 180, 400)), "tail");  // a new chunk
+    EXPECT_EQ(pool.Capacity(), 256u + 400u);
+}
+
+TEST(Json, PoolFiguresStayExactAcrossThreads) {
+    const AllocatorStatistics before = allocatorStatistics();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([] {
+            for (int i = 0; i < 200; ++i) {
+                Document document;
+                parseString(document, R"({"name":"a.dll","list":[1,2,3]})");
+                document.GetAllocator().Malloc(70000);
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(allocatorStatistics().allocators, before.allocators);
+    EXPECT_EQ(allocatorStatistics().memory, before.memory);
+}
+
+// Whatever the bytes (mutated documents, random bytes, deep nesting), a parse either fails
+// and leaves the document as it was, or gives one that writes and deep-copies the same.
+TEST(Json, FuzzNeverBreaksTheDocument) {
+    const std::string seeds[] = {
+        R"({"discovery":{"filtering":[{"hardware_id":"00:11:22:33:44:55"}]},"mode":4})",
+        R"({"plugins":[{"name":"a.dll","descr":"A \"q\" \u00e9","enabled":true}]})",
+        R"([1,-2.5e3,18446744073709551615,-9223372036854775808,1e400,null,[[[]]],{}])"};
+    std::mt19937 random(20261123);
+    for (int round = 0; round < 4000; ++round) {
+        std::string input = seeds[random() % 3];
+        for (int edits = 1 + random() % 6; edits > 0; --edits) {
+            const std::size_t at = random() % (input.size() + 1);
+            const int kind = random() % 4;
+            if (kind == 0)
+                input.insert(at, 1, "{}[]\",:\\0-.etn \xff"[random() % 16]);
+            else if (kind == 1)
+                input.resize(at);
+            else if (kind == 2)
+                input.insert(at, input.substr(at, random() % 64));
+            else if (at < input.size())
+                input[at] = static_cast<char>(random());
+        }
+        if (round % 500 == 0)
+            input = std::string(100000, "[{"[round % 2]);
+        Document document;
+        document.max_length = random() % 40;
+        rapidjson::MemoryStream stream(input.data(), input.size());
+        if (!parseStream(document, stream)) {
+            ASSERT_TRUE(document.IsNull()) << round;
+            continue;
+        }
+        Document copy;
+        copyValue(copy, document, &copy.GetAllocator(), document.max_length);
+        ASSERT_EQ(text(copy), text(document)) << round;
+    }
+    Document kept;
+    parseString(kept, R"({"mode":2})");
+    EXPECT_FALSE(parseString(kept, R"({"mode":)"));
+    EXPECT_EQ(text(kept), R"({"mode":2})");
 }
 
 }  // namespace
