@@ -111,14 +111,15 @@ bool poll_once(poll_state& state) {
             boost::shared_ptr<dns_service> operation = entry.lock();
             if (!operation)
                 continue;
-            dnssd::socket_type socket = -1;
+            dnssd::socket_type socket = dnssd::no_socket;
             try {
-                socket = operation->sd_ref_ ? DNSServiceRefSockFD(operation->sd_ref_) : -1;
+                socket =
+                    operation->sd_ref_ ? DNSServiceRefSockFD(operation->sd_ref_) : dnssd::no_socket;
             } catch (...) {
                 ZEROCONF_LOG(3, "exception in DNSServiceRefSockFD.1\n");
                 continue;
             }
-            if (socket == -1 || !operation->sd_ref_) {
+            if (socket == dnssd::no_socket || !operation->sd_ref_) {
                 ZEROCONF_LOG(3, "Invalid file descriptor or sd_ref_; fd = %i; sd_ref_ = %p\n",
                              static_cast<int>(socket), static_cast<void*>(operation->sd_ref_));
                 continue;

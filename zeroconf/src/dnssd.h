@@ -24,6 +24,8 @@ using socket_type = dnssd_sock_t;
 #else
 using socket_type = int;
 #endif
+// What DNSServiceRefSockFD gives for no socket: -1, or INVALID_SOCKET (all bits set) on Windows.
+constexpr socket_type no_socket = static_cast<socket_type>(-1);
 
 constexpr DNSServiceFlags flag_add = 0x2;
 constexpr DNSServiceFlags flag_no_auto_rename = 0x8;
