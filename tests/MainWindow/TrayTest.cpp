@@ -304,9 +304,6 @@ TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
     EXPECT_NE(savedConfig().find(R"("mode":1)"), std::string::npos) << savedConfig();
     EXPECT_EQ(agent->mode, vlm::kModeHybrid);
     boxes.clear();
-    auto press = [](QWidget* settings, QDialogButtonBox::StandardButton button) {
-        settings->findChild<QDialogButtonBox*>()->button(button)->click();
-    };
     modal([&] { tray->settingsAction->trigger(); },
           [&](QWidget* dialog) {
               auto& settings = *qobject_cast<Settings*>(dialog);
@@ -321,7 +318,7 @@ TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
               click(settings.pluginList, 1);
               pressSpace(settings.pluginList, 2);
               settings.modeCombo->setCurrentIndex(1);
-              press(dialog, QDialogButtonBox::Ok);
+              settings.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
           });
     EXPECT_EQ(boxes, (Texts{"Mode Changed | Mode will be set to \"Slave\" next time this Agent "
                             "starts | 1",
@@ -337,7 +334,7 @@ TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
               click(settings.pluginList, 1, true);  // no toggle, and still a change
               EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "XX-X");
               EXPECT_TRUE(settings.choices().pluginsChanged);
-              press(dialog, QDialogButtonBox::Cancel);
+              settings.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Cancel)->click();
           });
     EXPECT_EQ(boxes.size(), 2u);
     EXPECT_EQ(savedConfig(), saved);

@@ -13,11 +13,9 @@
 #include <filesystem>
 #include <thread>
 
-#include "Agent/Agent.h"
-#include "AppConfig.h"
+#include "AgentTestSupport.h"
 #include "EngineServer.h"
 #include "LoopbackHttpServer.h"
-#include "TestSupport.h"
 #include "plugins/RowDisplay.h"
 
 namespace {
@@ -26,12 +24,10 @@ using namespace vlm;
 using test::LoopbackHttpServer;
 
 bool waitUntil(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
+    return test::eventually([&] {
         QCoreApplication::processEvents();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return done();
+        return done();
+    });
 }
 
 /// \brief The engine stand-in with plug-ins on disk, a catalogue server, and an agent of a
