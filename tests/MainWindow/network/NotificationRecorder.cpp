@@ -19,7 +19,6 @@ struct Recorder : QDBusVirtualObject {
         for (int i : {0, 2, 3, 4, 7})
             fields << args[i].toString().replace('\t', "\\t").replace('\n', "\\n");
         std::printf("%s\n", fields.join('\t').toUtf8().constData());
-        std::fflush(stdout);
         connection.send(message.createReply(1u));  // any id: nothing closes them
         return true;
     }
@@ -30,12 +29,12 @@ struct Recorder : QDBusVirtualObject {
 
 int main(int argc, char* argv[]) {
     QCoreApplication application(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // every line reaches the test as printed
     QDBusConnection bus = QDBusConnection::connectToBus(QString::fromLocal8Bit(argv[1]), "bus");
     Recorder recorder;
     if (!bus.registerVirtualObject("/org/freedesktop/Notifications", &recorder) ||
         !bus.registerService("org.freedesktop.Notifications"))
         return 1;
     std::printf("ready\n");
-    std::fflush(stdout);
     return application.exec();
 }
