@@ -27,8 +27,7 @@ bool read(const std::string& text, CatalogueEntries& entries, std::string& print
     CaptureStdout();
     CaptureStderr();
     const bool ok = readCatalogue(text, entries);
-    printed = GetCapturedStderr();
-    printed = GetCapturedStdout() + printed;
+    printed = GetCapturedStdout() + GetCapturedStderr();
     return ok;
 }
 
