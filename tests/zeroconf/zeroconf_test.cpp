@@ -4,7 +4,6 @@
 
 #include <arpa/inet.h>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <mutex>
 #include <sstream>
@@ -12,6 +11,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "ProgramsOnHost.h"
 #include "bonjour_browser.h"
 #include "fake_dnssd_control.h"
 #include "zeroconf/client.h"
@@ -20,22 +20,14 @@
 
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
+using vlm::test::eventually;
 namespace {
 
-const fake_dnssd::control& fake() {
-    return fake_dnssd::control::get();
-}
+const fake_dnssd::control& fake = fake_dnssd::control::get();
 constexpr std::uint32_t kAdd = 2;
 const char* kRegtype = "_http._tcp,_ravenna";
+const char* kError = "zeroconf_category: errorCode = -65563\n";
 const std::string kAdded = "add 5 _velmor_a _http._tcp. a.local. 10.0.0.1 8080 [master:1]";
-
-bool eventually(const std::function<bool()>& done) {
-    for (auto end = std::chrono::steady_clock::now() + 5s; !done();
-         std::this_thread::sleep_for(2ms))
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-    return true;
-}
 
 int threads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
@@ -47,9 +39,7 @@ struct Log {
     ~Log() { std::fflush(stdout), dup2(saved, 1), close(saved), std::remove(path); }
     std::string text() const {
         std::fflush(stdout);
-        std::ostringstream all;
-        all << std::ifstream(path).rdbuf();
-        return all.str();
+        return vlm::test::readFile(path);
     }
     std::size_t count(const std::string& line) const {
         std::size_t found = 0, at = 0;
@@ -101,45 +91,45 @@ struct Listener : zeroconf::browser_listener, zeroconf::hostname_listener {
 class Zeroconf : public ::testing::Test {
 public:
     void SetUp() override {
-        fake().reset();
+        fake.reset();
         client = zeroconf::client::create(5);
         without_client = threads() - 1;  // a sanitizer may have started a thread of its own
     }
     void TearDown() override {
         browser.reset(), service.reset(), hosts.reset(), client.reset();
         // Every operation ends with its object, and the poll thread with its client.
-        EXPECT_TRUE(eventually([] { return fake().open_count(nullptr) == 0; }));
+        EXPECT_TRUE(eventually([] { return fake.open_count(nullptr) == 0; }));
         EXPECT_TRUE(eventually([&] { return threads() == without_client; }));
     }
     void browse(const std::string& filter = "", bool reconfirm = false) {
         browser = client->create_browser(filter, "_http._tcp", "_ravenna", listener, reconfirm);
     }
     void announce(const char* name, std::uint32_t flags = kAdd, std::uint32_t index = 5) {
-        ASSERT_EQ(fake().browse_event(kRegtype, flags, index, 0, name, "_http._tcp.", "local."), 0);
+        ASSERT_EQ(fake.browse_event(kRegtype, flags, index, 0, name, "_http._tcp.", "local."), 0);
     }
     // Answers the oldest open resolve of name: "a.local." port 8080, TXT "master:1".
     void resolve(const std::string& name, std::string fullname = "") {
-        ASSERT_TRUE(fake().wait_idle(5000));  // earlier answers went to earlier operations
-        ASSERT_TRUE(fake().wait_open("DNSServiceResolve", name.c_str(), 5000));
+        ASSERT_TRUE(fake.wait_idle(5000));  // earlier answers went to earlier operations
+        ASSERT_TRUE(fake.wait_open("DNSServiceResolve", name.c_str(), 5000));
         fullname = fullname.empty() ? name + "._http._tcp.local." : fullname;
-        ASSERT_EQ(fake().resolve_answer(name.c_str(), 0, 5, 0, fullname.c_str(), "a.local.",
-                                        htons(8080), 9, (const unsigned char*)"\x08master:1"),
+        ASSERT_EQ(fake.resolve_answer(name.c_str(), 0, 5, 0, fullname.c_str(), "a.local.",
+                                      htons(8080), 9, (const unsigned char*)"\x08master:1"),
                   0);
     }
     void address() {
-        ASSERT_TRUE(fake().wait_idle(5000));
-        ASSERT_TRUE(fake().wait_open("DNSServiceQueryRecord", "a.local.", 5000));
+        ASSERT_TRUE(fake.wait_idle(5000));
+        ASSERT_TRUE(fake.wait_open("DNSServiceQueryRecord", "a.local.", 5000));
         const unsigned char ip[] = {10, 0, 0, 1};
-        ASSERT_EQ(fake().query_answer("a.local.", kAdd, 5, 0, "a.local.", 1, 1, 4, ip, 9), 0);
+        ASSERT_EQ(fake.query_answer("a.local.", kAdd, 5, 0, "a.local.", 1, 1, 4, ip, 9), 0);
     }
     void chain(const char* name = "_velmor_a") { announce(name), resolve(name), address(); }
     Lines settled(std::size_t count = 0) {
         EXPECT_TRUE(eventually([&] { return listener->seen().size() >= count; }));
-        EXPECT_TRUE(fake().wait_idle(5000));
+        EXPECT_TRUE(fake.wait_idle(5000));
         return listener->seen();
     }
     void answer_host(const char* host, const char* address, std::uint32_t flags = kAdd) {
-        fake().address_answer("h.local.", flags, 5, 0, host, address);
+        fake.address_answer("h.local.", flags, 5, 0, host, address);
     }
 
     Log log;
@@ -172,7 +162,7 @@ TEST_F(Zeroconf, CallsMadeAndWhatTheListenerGets) {
         {"DNSServiceRegister", "8 5 studio _http._tcp,_ravenna,_x (null) (null) 8080 0161026263"},
         {"DNSServiceGetAddrInfo", "4096 5 1 h.local."}};
     for (const auto& call : calls)
-        EXPECT_EQ(fake().last(call.first), call.second);
+        EXPECT_EQ(fake.last(call.first), call.second);
     announce("My\\.Box", 0);  // remove names the instance as DNS-SD did
     Lines seen = settled(5);
     std::sort(seen.begin(), seen.end());
@@ -181,14 +171,13 @@ TEST_F(Zeroconf, CallsMadeAndWhatTheListenerGets) {
                            "remove 5 My\\.Box _http._tcp."}));
     EXPECT_EQ(log.count("Hostname Resolved h.local. -> \x02"), 1u);
     EXPECT_EQ(log.count("a.local. seems out dated -> force daemon to verify"), 1u);
-    EXPECT_EQ(fake().open_count("DNSServiceResolve") + fake().open_count("DNSServiceQueryRecord"),
-              0);
+    EXPECT_EQ(fake.open_count("DNSServiceResolve") + fake.open_count("DNSServiceQueryRecord"), 0);
 }
 
 struct Stage {
     const char* name;
     const char* line;
-    std::size_t times;
+    std::size_t times = 1;
     friend void PrintTo(const Stage& stage, std::ostream* out) { *out << stage.name; }
 };
 class ErrorAtEachStage : public Zeroconf, public ::testing::WithParamInterface<Stage> {};
@@ -200,23 +189,23 @@ TEST_P(ErrorAtEachStage, IsLoggedAndDiscoveryGoesOn) {
     browse();
     hosts = client->create_hostname_browser("h.local.", listener);
     if (stage == "browse")
-        fake().browse_event(kRegtype, 0, 0, -65563, nullptr, nullptr, nullptr);
+        fake.browse_event(kRegtype, 0, 0, -65563, nullptr, nullptr, nullptr);
     else if (stage == "address")
-        fake().address_answer("h.local.", 0, 0, -65563, nullptr, nullptr);
+        fake.address_answer("h.local.", 0, 0, -65563, nullptr, nullptr);
     else {
         if (stage.find("_refused") != std::string::npos)
-            fake().fail(stage == "resolve_refused" ? "DNSServiceResolve" : "DNSServiceQueryRecord",
-                        stage == "query_refused" ? -65537 : -65540);
+            fake.fail(stage == "resolve_refused" ? "DNSServiceResolve" : "DNSServiceQueryRecord",
+                      stage == "query_refused" ? -65537 : -65540);
         announce("_velmor_x");
-        if (stage == "resolve" && fake().wait_open("DNSServiceResolve", "_velmor_x", 5000))
-            fake().resolve_answer("_velmor_x", 0, 0, -65563, nullptr, nullptr, 0, 0, nullptr);
+        if (stage == "resolve" && fake.wait_open("DNSServiceResolve", "_velmor_x", 5000))
+            fake.resolve_answer("_velmor_x", 0, 0, -65563, nullptr, nullptr, 0, 0, nullptr);
         else if (stage != "resolve_refused")
             resolve("_velmor_x", stage == "full_name_without_a_dot" ? "_velmor_x" : "");
-        if (stage == "query" && fake().wait_open("DNSServiceQueryRecord", "a.local.", 5000))
-            fake().query_answer("a.local.", 0, 0, -65563, nullptr, 0, 0, 0, nullptr, 0);
+        if (stage == "query" && fake.wait_open("DNSServiceQueryRecord", "a.local.", 5000))
+            fake.query_answer("a.local.", 0, 0, -65563, nullptr, 0, 0, 0, nullptr, 0);
     }
     EXPECT_TRUE(log.wait(GetParam().line, GetParam().times));
-    fake().reset();
+    fake.reset();
     settled();
     chain();
     EXPECT_EQ(settled(1), Lines{kAdded});
@@ -225,19 +214,15 @@ TEST_P(ErrorAtEachStage, IsLoggedAndDiscoveryGoesOn) {
 
 INSTANTIATE_TEST_SUITE_P(
     Zeroconf, ErrorAtEachStage,
-    ::testing::Values(Stage{"browse", "zeroconf_category: errorCode = -65563\n", 1},
-                      Stage{"resolve", "zeroconf_category: errorCode = -65563\n", 1},
-                      Stage{"query", "zeroconf_category: errorCode = -65563\n", 1},
-                      Stage{"address", "zeroconf_category: errorCode = -65563\n", 1},
-                      Stage{"resolve_refused", "DNSServiceResolve() failed (-65540)\n", 1},
+    ::testing::Values(Stage{"browse", kError}, Stage{"resolve", kError}, Stage{"query", kError},
+                      Stage{"address", kError},
+                      Stage{"resolve_refused", "DNSServiceResolve() failed (-65540)\n"},
                       Stage{"query_refused", "DNSServiceQueryRecord failed (-65537)\n", 2},
                       Stage{"query_refused_for_parameters",
                             "DNSServiceQueryRecord failed (-65540 = wrong parameters)\n"
                             "resolve_reply(n/a, 0, _velmor_x._http._tcp.local., a.local., 36895, "
-                            "9, 0x",
-                            1},
-                      Stage{"full_name_without_a_dot", "exception in DNSServiceProcessResult\n",
-                            1}),
+                            "9, 0x"},
+                      Stage{"full_name_without_a_dot", "exception in DNSServiceProcessResult\n"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // A server that left while its resolve was under way must never be reported (the agent
@@ -271,44 +256,39 @@ TEST_F(Zeroconf, NameFilterKeepsTheLastAnnouncementAndResolvesOutliveTheBrowser)
         resolve("_velmor_a");
         address();
         if (!*filter)  // ends the other instance's resolve
-            fake().resolve_answer("_velmor_b", 0, 0, -65563, nullptr, nullptr, 0, 0, nullptr);
+            fake.resolve_answer("_velmor_b", 0, 0, -65563, nullptr, nullptr, 0, 0, nullptr);
         EXPECT_EQ(settled(*filter ? 1 : 2), Lines(*filter ? 1 : 2, kAdded)) << filter;
-        ASSERT_TRUE(eventually([] { return fake().open_count(nullptr) == 0; }));
+        ASSERT_TRUE(eventually([] { return fake.open_count(nullptr) == 0; }));
     }
 }
 
 // Outcomes reach the callback and the log; the daemon decides on long names; no callback: caught.
 TEST_F(Zeroconf, RegistrationOutcomes) {
-    const struct {
-        std::string name;
-        int error, state;
-        const char* line;
-    } rows[] = {
+    const std::tuple<std::string, int, int, const char*> rows[] = {
         {std::string(63, 'n'), 0, 3, nullptr},
         {std::string(64, 'n'), -65548, 2, "bonjour_service failed name collision (-65548)\n"},
         {"s", -65537, 1, "bonjour_service failed (-65537)\n"}};
-    for (const auto& row : rows) {
+    for (const auto& [name, error, outcome, line] : rows) {
         std::atomic<int> state{0};
-        service =
-            client->create_service(row.name, "_t._tcp", 80, {}, {}, [&](int s) { state = s; });
-        fake().register_answer(row.name.c_str(), 0, row.error, nullptr, nullptr, nullptr);
-        EXPECT_TRUE(eventually([&] { return state == row.state; })) << row.name;
-        EXPECT_EQ(row.line ? log.count(row.line) : log.text().size(), row.line ? 1u : 0u);
+        service = client->create_service(name, "_t._tcp", 80, {}, {}, [&](int s) { state = s; });
+        fake.register_answer(name.c_str(), 0, error, nullptr, nullptr, nullptr);
+        EXPECT_TRUE(eventually([&, outcome = outcome] { return state == outcome; })) << name;
+        EXPECT_EQ(line ? log.count(line) : log.text().size(), line ? 1u : 0u);
         service.reset();
     }
     EXPECT_EQ(
         log.count("service name \"" + std::string(64, 'n') + "\" is too long(64) should be < 64"),
         1u);
     service = client->create_service("x", "_t._tcp", 80, {}, {}, {});
-    fake().register_answer("x", 0, 0, "x", "_t._tcp.", "local.");
+    fake.register_answer("x", 0, 0, "x", "_t._tcp.", "local.");
     EXPECT_TRUE(log.wait("exception in DNSServiceProcessResult\n"));
 }
 
 // A refused operation gives a null object and one line: interface, first two arguments, reason.
 TEST_F(Zeroconf, RefusedOperationGivesNothingAndOneLine) {
-    fake().fail("DNSServiceBrowse", -65563);
-    fake().fail("DNSServiceRegister", -65548);
-    fake().fail("DNSServiceGetAddrInfo", -65537);
+    fake.fail("DNSServiceBrowse", -65563);
+    fake.fail("DNSServiceRegister", -65548);
+    fake.fail("DNSServiceGetAddrInfo", -65537);
     EXPECT_FALSE(client->create_browser("_velmor", "_http._tcp", "_ravenna", listener, 0));
     EXPECT_FALSE(client->create_service("studio", "_http._tcp", 80, {}, {}, [](int) {}));
     EXPECT_FALSE(client->create_hostname_browser("h.local.", listener));
@@ -335,7 +315,7 @@ TEST_F(Zeroconf, Serves512OperationsAndNoMore) {
     std::vector<boost::shared_ptr<zeroconf::hostname_browser>> open;
     for (int i = 0; i < 513; ++i) {
         if (i == 512) {
-            fake().address_answer("h511", kAdd, 5, 0, "h511", nullptr);
+            fake.address_answer("h511", kAdd, 5, 0, "h511", nullptr);
             EXPECT_EQ(settled(1), Lines{"host 5 h511 "});
             EXPECT_EQ(log.count("fdset too small"), 0u);
         }
@@ -357,8 +337,8 @@ TEST_F(Zeroconf, OperationsComeAndGoWhileThePollThreadDispatches) {
                 std::this_thread::sleep_for(2ms);
             });
             auto b = client->create_browser("", name, "", listener, false);
-            fake().register_answer(name.c_str(), 0, 0, "x", "_t._tcp.", "local.");
-            fake().browse_event(name.c_str(), 0, 5, 0, "x", "_t._tcp.", "local.");
+            fake.register_answer(name.c_str(), 0, 0, "x", "_t._tcp.", "local.");
+            fake.browse_event(name.c_str(), 0, 5, 0, "x", "_t._tcp.", "local.");
             EXPECT_TRUE(eventually([&] { return entered.load(); }));
         }
     });
