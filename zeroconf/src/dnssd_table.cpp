@@ -24,9 +24,10 @@ using module_handle = HMODULE;
 using module_handle = void*;
 #endif
 
-module_handle library = nullptr;
+// Atomic: exit clears them while a client's poll thread may still be calling in.
+std::atomic<module_handle> library{nullptr};
 // Set once the loader ran; cleared again at exit.
-module_handle* library_holder = nullptr;
+std::atomic<std::atomic<module_handle>*> library_holder{nullptr};
 
 #ifdef _WIN32
 
@@ -39,11 +40,9 @@ void* find_export(module_handle handle, const char* name) {
 }
 
 void unload_library() {
-    if (!library)
-        return;
-    FreeLibrary(library);
-    library = nullptr;
     library_holder = nullptr;
+    if (module_handle handle = library.exchange(nullptr))
+        FreeLibrary(handle);
 }
 
 #else
@@ -71,12 +70,10 @@ void* find_export(module_handle handle, const char* name) {
 }
 
 void unload_library() {
-    if (!library)
-        return;
     // Not dlclose()d: a client that lives until exit may still be inside the library on its
     // poll thread, and unmapping the code under it would crash the exit.
-    library = nullptr;
     library_holder = nullptr;
+    library = nullptr;
 }
 
 #endif
@@ -93,14 +90,16 @@ const table_loader loader;
 // A missing export is looked up again on the next call; only found ones are cached.
 template <typename Function>
 Function entry(std::atomic<Function>& cache, const char* name) {
-    if (!library_holder || !*library_holder) {
+    std::atomic<module_handle>* holder = library_holder.load();
+    module_handle handle = holder ? holder->load() : nullptr;
+    if (!handle) {
         cache.store(nullptr, std::memory_order_relaxed);
         return nullptr;
     }
     Function function = cache.load(std::memory_order_relaxed);
     if (function)
         return function;
-    function = reinterpret_cast<Function>(find_export(*library_holder, name));
+    function = reinterpret_cast<Function>(find_export(handle, name));
     cache.store(function, std::memory_order_relaxed);
     return function;
 }
