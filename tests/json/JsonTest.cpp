@@ -22,20 +22,12 @@ std::string text(const Value& value) {
     return buffer.GetString();
 }
 
-std::string prohibited(int size) {
-    const AllocatorStatistics now = allocatorStatistics();
-    return "rapidJson: Malloc: allocation prohibited, size = " + std::to_string(size) +
-           "\nrapidJson: MemoryPoolAllocator: number of allocator: " +
-           std::to_string(now.allocators) + ", memory allocated: " + std::to_string(now.memory) +
-           "\n";
-}
-
 // Lookups: names match on length and bytes, absence is silent, a non-object says so, one
 // shared null stands for anything missing, ensurePath makes (or repairs) empty objects.
 TEST(Json, Lookups) {
     using S = std::string;
     const S missing = "rapidJson: member name not found; please fix it!\n";
-    struct Case {
+    const struct {
         const char* document;
         std::function<S(Document&)> call;
         S result, said;
@@ -61,18 +53,13 @@ TEST(Json, Lookups) {
         EXPECT_EQ(capturedOutput([&] { result = c.call(document); }), c.said) << c.document;
         EXPECT_EQ(result, c.result) << c.document;
     }
-    Document many;
-    many.SetObject();
-    for (int i = 0; i < 100; ++i)  // the member table grows without losing members
-        ensurePath(many, {std::to_string(i).c_str(), "inner"});
-    for (int i = 0; i < 100; ++i)
-        EXPECT_NE(findPath(&many, {std::to_string(i).c_str(), "inner"}), nullptr) << i;
 }
 
 // The string rule: a reference, or a copy of length + 1 bytes, or of max_length + 1 grown to
-// fit; parsing and deep copies follow it; without an allocator the value stays null.
+// fit (pool blocks are multiples of four); parsing and deep copies follow it; without an
+// allocator the value stays null.
 TEST(Json, StringRule) {
-    struct Case {
+    const struct {
         const char* text;
         bool copy;
         std::uint32_t maxLength;
@@ -89,15 +76,14 @@ TEST(Json, StringRule) {
         EXPECT_STREQ(value.GetString(), c.text);
         EXPECT_EQ(value.GetString() == c.text, !c.copy) << c.text;
         EXPECT_EQ(pool.Size(), c.poolBytes) << c.text << c.maxLength;
-    }
-    for (std::uint32_t maxLength : {0u, 15u}) {
+        if (!c.copy)
+            continue;
         Document parsed, copied;
-        parsed.max_length = maxLength;
-        ASSERT_TRUE(parseString(parsed, R"({"k":"v"})"));
-        copyValue(copied, parsed, &copied.GetAllocator(), maxLength);
-        // Two strings by the rule and one member table.
-        EXPECT_EQ(parsed.GetAllocator().Size(), 2 * (maxLength ? maxLength + 1 : 4) + 32u);
-        EXPECT_EQ(copied.GetAllocator().Size(), parsed.GetAllocator().Size());
+        parsed.max_length = c.maxLength;
+        ASSERT_TRUE(parseString(parsed, ("\"" + std::string(c.text) + "\"").c_str()));
+        copyValue(copied, parsed, &copied.GetAllocator(), c.maxLength);
+        EXPECT_EQ(parsed.GetAllocator().Size(), c.poolBytes) << c.text;
+        EXPECT_EQ(copied.GetAllocator().Size(), parsed.GetAllocator().Size()) << c.text;
     }
     Value value;
     EXPECT_EQ(capturedOutput([&] { setString(value, "abc", 3, true, nullptr, 64); }),
@@ -106,48 +92,60 @@ TEST(Json, StringRule) {
     EXPECT_TRUE(value.IsNull());
 }
 
-// A prohibited pool reports every allocation and still serves parsing and ensurePath; only
-// a deep copy is refused, leaving the destination as it was.
+// A prohibited pool reports every allocation with the process's figures and still serves
+// parsing and ensurePath; only a deep copy is refused, leaving the destination as it was.
 TEST(Json, ProhibitedAllocator) {
-    Document document;
+    Document document, source;
     document.GetAllocator().allocationProhibited = true;
-    auto string = [](const std::string& text) {
-        return "rapidjson: SetStringRaw(" + text + "): error: allocation prohibited\n";
-    };
-    std::string expected =
-        string("a") + prohibited(2) + string("bc") + prohibited(3) + prohibited(32);
-    EXPECT_EQ(capturedOutput([&] { EXPECT_TRUE(parseString(document, R"({"a":"bc"})")); }),
-              expected);
-    expected = string("mode") + prohibited(5) + prohibited(64);  // the member table grows
-    EXPECT_EQ(capturedOutput([&] { ensurePath(document, {"mode"}); }), expected);
-    Document source;
+    const std::string said = capturedOutput([&] {
+        EXPECT_TRUE(parseString(document, R"({"a":"bc"})"));
+        ensurePath(document, {"mode"});
+    });
+    const AllocatorStatistics now = allocatorStatistics();
+    const std::pair<const char*, int> allocations[] = {{"a", 2}, {"bc", 3}, {"mode", 5}};
+    for (const auto& [string, size] : allocations)
+        EXPECT_NE(said.find("rapidjson: SetStringRaw(" + std::string(string) +
+                            "): error: allocation prohibited\nrapidJson: Malloc: allocation "
+                            "prohibited, size = " +
+                            std::to_string(size) +
+                            "\nrapidJson: MemoryPoolAllocator: number of allocator: " +
+                            std::to_string(now.allocators) +
+                            ", memory allocated: " + std::to_string(now.memory) + "\n"),
+                  std::string::npos)
+            << said;
     parseString(source, R"({"new":[1]})");
     EXPECT_EQ(capturedOutput([&] { copyValue(document, source, &document.GetAllocator()); }),
               "rapidJson: CopyFrom Allocation is prohibited from this allocator\n");
     EXPECT_EQ(text(document), R"({"a":"bc","mode":{}})");
 }
 
-// Chunks of the capacity (or of the request's rounded size), a caller's buffer served first
-// and kept, whole chunks given back by Clear, exact process-wide figures; Realloc grows the
+// Chunks of the capacity or of the request's rounded size, a caller's buffer served first and
+// kept, whole chunks given back by Clear, figures exact across threads; Realloc grows the
 // newest block in place and copies any other.
-TEST(Json, PoolChunksAndReallocation) {
+TEST(Json, Pool) {
     const AllocatorStatistics before = allocatorStatistics();
     alignas(8) char buffer[1024];
     {
         MemoryPoolAllocator pool(buffer, sizeof buffer, 1024);
         char* inside = static_cast<char*>(pool.Malloc(5));
         EXPECT_TRUE(inside > buffer && inside < buffer + sizeof buffer);
-        EXPECT_EQ(static_cast<char*>(pool.Malloc(1)) - inside, 8);  // multiples of four bytes
-        EXPECT_EQ(pool.Malloc(0), nullptr);
+        EXPECT_EQ(static_cast<char*>(pool.Malloc(1)) - inside, 8);  // 5 bytes take 8
         pool.Malloc(1000);  // no room left: a chunk of the capacity
         pool.Malloc(5001);  // more than the capacity: a chunk of its own rounded size
         EXPECT_EQ(allocatorStatistics().allocators, before.allocators + 1);
         EXPECT_EQ(allocatorStatistics().memory, before.memory + 1024 + 5004);
-        EXPECT_EQ(allocatorStatistics().lastAdded, before.memory + 1024 + 5004);
         pool.Clear();
-        EXPECT_EQ(allocatorStatistics().lastCleared, before.memory);
+        EXPECT_EQ(allocatorStatistics().memory, before.memory);
         EXPECT_EQ(pool.Malloc(5), inside);
     }
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([] {
+            for (int i = 0; i < 200; ++i)
+                Document().GetAllocator().Malloc(70000);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
     EXPECT_EQ(allocatorStatistics().allocators, before.allocators);
     EXPECT_EQ(allocatorStatistics().memory, before.memory);
     MemoryPoolAllocator pool(256);
@@ -158,27 +156,6 @@ TEST(Json, PoolChunksAndReallocation) {
     char* moved = static_cast<char*>(pool.Realloc(block, 20, 40));
     EXPECT_NE(moved, block);
     EXPECT_STREQ(moved, "1234567");
-    char* last = static_cast<char*>(pool.Malloc(180));
-    std::memcpy(last, "tail", 5);
-    EXPECT_STREQ(static_cast<char*>(pool.Realloc(last, 180, 400)), "tail");  // a new chunk
-    EXPECT_EQ(pool.Capacity(), 256u + 400u);
-}
-
-TEST(Json, PoolFiguresStayExactAcrossThreads) {
-    const AllocatorStatistics before = allocatorStatistics();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([] {
-            for (int i = 0; i < 200; ++i) {
-                Document document;
-                parseString(document, R"({"name":"a.dll","list":[1,2,3]})");
-                document.GetAllocator().Malloc(70000);
-            }
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(allocatorStatistics().allocators, before.allocators);
-    EXPECT_EQ(allocatorStatistics().memory, before.memory);
 }
 
 // Whatever the bytes (mutated documents, random bytes, deep nesting), a parse either fails
@@ -190,11 +167,11 @@ TEST(Json, FuzzNeverBreaksTheDocument) {
         R"([1,-2.5e3,18446744073709551615,-9223372036854775808,1e400,null,[[[]]],{}])"};
     std::mt19937 random(20261123);
     for (int round = 0; round < 4000; ++round) {
-        std::string input = seeds[random() % 3];
-        for (int edits = 1 + random() % 6; edits > 0; --edits) {
+        std::string input = round % 1000 ? seeds[random() % 3]
+                                         : std::string(100000, '[') + std::string(100000, ']');
+        for (int edits = round % 1000 ? 1 + random() % 6 : 0; edits > 0; --edits) {
             const std::size_t at = random() % (input.size() + 1);
-            const int kind = random() % 4;
-            if (kind == 0)
+            if (const int kind = random() % 4; kind == 0)
                 input.insert(at, 1, "{}[]\",:\\0-.etn \xff"[random() % 16]);
             else if (kind == 1)
                 input.resize(at);
@@ -203,23 +180,18 @@ TEST(Json, FuzzNeverBreaksTheDocument) {
             else if (at < input.size())
                 input[at] = static_cast<char>(random());
         }
-        if (round % 500 == 0)
-            input = std::string(100000, "[{"[round % 2]);
         Document document;
+        parseString(document, R"({"kept":1})");
         document.max_length = random() % 40;
         rapidjson::MemoryStream stream(input.data(), input.size());
         if (!parseStream(document, stream)) {
-            ASSERT_TRUE(document.IsNull()) << round;
+            ASSERT_EQ(text(document), R"({"kept":1})") << round;
             continue;
         }
         Document copy;
         copyValue(copy, document, &copy.GetAllocator(), document.max_length);
         ASSERT_EQ(text(copy), text(document)) << round;
     }
-    Document kept;
-    parseString(kept, R"({"mode":2})");
-    EXPECT_FALSE(parseString(kept, R"({"mode":)"));
-    EXPECT_EQ(text(kept), R"({"mode":2})");
 }
 
 }  // namespace
