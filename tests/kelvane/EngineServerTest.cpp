@@ -15,7 +15,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using Rows = std::vector<std::tuple<std::string, int, std::string>>;  // request, status, held
 const std::string kAuth = "Authorization: Basic YW5vbjphbm9u\r\n";
 
 // What arrives until the server closes, ending in " (open)" if it stays silent for 1 s instead.
@@ -46,63 +45,34 @@ std::string get(const std::string& target) {
     return "GET " + target + " HTTP/1.1\r\nConnection: close\r\n\r\n";
 }
 
-class EngineServer : public ::testing::Test {
-protected:
-    void SetUp() override {
-        for (const std::string name : {"sub/index.html", "%2e%2e/in.txt", "index.html", "app.js"}) {
-            fs::create_directories(fs::path(web + "/" + name).parent_path());
-            vlm::test::writeFile(web + "/" + name, name);
-        }
-        vlm::test::writeFile(secret, "outside-the-web-app");
-        fs::create_symlink(secret, web + "/link.txt");
-        fs::create_directory_symlink(base.path(), web + "/up");
-        fs::create_symlink(web + "/app.js", web + "/alias.js");
-        std::string error;
-        ASSERT_TRUE(server.start({{"127.0.0.1", "255.0.0.0"}}, 0, error)) << error;
-    }
-    // Each request gets its status (0: dropped unanswered) and an answer holding the text given;
-    // the connection ends; a 401, and only a 401, asks for credentials; nothing from outside the
-    // web app is ever sent.
-    void expectAnswers(const Rows& rows) {
-        for (const auto& [request, status, held] : rows) {
-            const std::string raw = ask(server.port(), request);
-            EXPECT_EQ(statusOf(raw), status) << request.substr(0, 80) << "\n" << raw;
-            EXPECT_NE(raw.find(held), std::string::npos) << request.substr(0, 80) << "\n" << raw;
-            EXPECT_EQ(raw.find(" (open)"), std::string::npos) << request.substr(0, 80);
-            EXPECT_EQ(raw.find("WWW-Authenticate: Basic ") != std::string::npos, status == 401);
-            EXPECT_EQ(raw.find("outside-the-web-app"), std::string::npos) << request;
-        }
-    }
+// Every request gets its status (0: dropped unanswered) and an answer holding the text given;
+// the connection ends; a 401, and only a 401, asks for credentials; nothing from outside the web
+// app folder is ever sent, however the target is written.
+TEST(EngineServer, Requests) {
     vlm::test::TempDir base;
     const std::string web = base.path() + "/webapp", secret = base.path() + "/secret.txt";
-    kelvane::EngineServer server{
-        {}, web, false, {8 * 1024, 64 * 1024, std::chrono::milliseconds(500)}};
-};
-
-// Control requests need Basic anon:anon (the scheme in any case); the web app needs none.
-TEST_F(EngineServer, AuthenticationMatrix) {
-    Rows rows = {{get("/"), 200, "index.html"}, {post("/index.html", "{}", ""), 401, ""}};
-    // clang-format off
-    for (const auto& [field, status] : std::vector<std::pair<std::string, int>>{
-             {"", 401}, {kAuth, 200}, {"Authorization: basic YW5vbjphbm9u\r\n", 200},
-             {"Authorization: Basic YW5vbjp3cm9uZw==\r\n", 401}, {"Authorization: Basic YWRtaW46YW5vbg==\r\n", 401},
-             {"Authorization: Bearer YW5vbjphbm9u\r\n", 401}, {"Authorization: YW5vbjphbm9u\r\n", 401},
-             {"Authorization: Basic\r\n", 401}, {"Authorization: Basic YW5vbjph\r\n", 401}}) {
-        rows.emplace_back(post("/get", R"({"Path":"$"})", field), status, status == 200 ? "Plugins" : "");
-        rows.emplace_back(post("/set_interface_filters", "[]", field), status, "");
+    for (const std::string name : {"sub/index.html", "%2e%2e/in.txt", "index.html", "app.js"}) {
+        fs::create_directories(fs::path(web + "/" + name).parent_path());
+        vlm::test::writeFile(web + "/" + name, name);
     }
-    // clang-format on
-    expectAnswers(rows);
-}
-
-// Oversized headers and bodies, bad chunking, malformed requests and control bodies, and a
-// request never finished are refused, and the connection ends.
-TEST_F(EngineServer, RefusedRequests) {
+    vlm::test::writeFile(secret, "outside-the-web-app");
+    fs::create_symlink(secret, web + "/link.txt");
+    fs::create_directory_symlink(base.path(), web + "/up");
+    fs::create_symlink(web + "/app.js", web + "/alias.js");
+    kelvane::EngineServer server({}, web, false,
+                                 {8 * 1024, 64 * 1024, std::chrono::milliseconds(500)});
+    std::string error;
+    ASSERT_TRUE(server.start({{"127.0.0.1", "255.0.0.0"}}, 0, error)) << error;
     const std::string big(9 * 1024, 'a'),
         filters = "/set_interface_filters",
         chunked = "POST /get HTTP/1.1\r\n" + kAuth + "Transfer-Encoding: chunked\r\n\r\n";
     // clang-format off
-    expectAnswers({
+    std::vector<std::tuple<std::string, int, std::string>> rows = {  // request, status, held text
+        // The web app needs no credentials and serves its files (links inside it too) with their types.
+        {get("/"), 200, "Content-Type: text/html; charset=utf-8"}, {get("/sub/"), 200, "\r\n\r\nsub/index.html"},
+        {get("/app.js?v=3"), 200, "Content-Type: application/javascript"}, {get("/alias.js"), 200, "\r\n\r\napp.js"},
+        {get("/%252e%252e/in.tx%74"), 200, "\r\n\r\n%2e%2e/in.txt"}, {post("/index.html", "{}", ""), 401, ""},
+        // Oversized headers and bodies, bad chunking, malformed requests and control bodies, a request never finished.
         {"GET / HTTP/1.1\r\nX-Big: " + big + "\r\n\r\n", 431, ""}, {"GET /" + big + " HTTP/1.1\r\n\r\n", 431, ""},
         {"GET / HTTP/1.1\r\nConnection: close\r\nX: " + big.substr(3000) + "\r\n\r\n", 200, ""},
         {"POST /get HTTP/1.1\r\n" + kAuth + "Content-Length: 65537\r\n\r\n", 413, ""}, {chunked + "10001\r\n", 413, ""},
@@ -110,18 +80,17 @@ TEST_F(EngineServer, RefusedRequests) {
         {chunked + "1;" + std::string(30000, 'a'), 400, ""}, {"GARBAGE\r\n\r\n", 400, ""}, {"GET / HTTP/1.1\r\n", 0, ""},
         {post("/get", std::string(60000, '[')), 400, ""}, {post("/get", R"({"path": "$"})"), 400, ""},
         {post("/get", R"({"Path": "$.Config.Nothing"})"), 404, ""}, {post(filters, R"([{"Ip": "::1", "Mask": "ffff::"}])"), 400, ""},
-        {post("/nothing", "{}"), 404, ""}, {"PUT /get HTTP/1.1\r\n" + kAuth + "\r\n", 405, ""}});
-    // clang-format on
-}
-
-// The web app folder serves its files (links inside it too) with their types, and never a file
-// whose real path is outside it, however the target is written.
-TEST_F(EngineServer, WebAppTraversal) {
-    // clang-format off
-    Rows rows = {
-        {get("/"), 200, "Content-Type: text/html; charset=utf-8"}, {get("/sub/"), 200, "\r\n\r\nsub/index.html"},
-        {get("/app.js?v=3"), 200, "Content-Type: application/javascript"}, {get("/alias.js"), 200, "\r\n\r\napp.js"},
-        {get("/%252e%252e/in.tx%74"), 200, "\r\n\r\n%2e%2e/in.txt"}, {get("/%252e%252e/in.txt"), 200, "Content-Type: text/plain"}};
+        {post("/nothing", "{}"), 404, ""}, {"PUT /get HTTP/1.1\r\n" + kAuth + "\r\n", 405, ""}};
+    // Control requests need Basic anon:anon, the scheme in any case.
+    for (const auto& [field, status] : std::vector<std::pair<std::string, int>>{
+             {"", 401}, {kAuth, 200}, {"Authorization: basic YW5vbjphbm9u\r\n", 200},
+             {"Authorization: Basic YW5vbjp3cm9uZw==\r\n", 401}, {"Authorization: Basic YWRtaW46YW5vbg==\r\n", 401},
+             {"Authorization: Bearer YW5vbjphbm9u\r\n", 401}, {"Authorization: YW5vbjphbm9u\r\n", 401},
+             {"Authorization: Basic\r\n", 401}, {"Authorization: Basic YW5vbjph\r\n", 401}}) {
+        rows.emplace_back(post("/get", R"({"Path":"$"})", field), status, status == 200 ? "Plugins" : "");
+        rows.emplace_back(post(filters, "[]", field), status, "");
+    }
+    // Never a file whose real path is outside the folder.
     for (const std::string& target : std::vector<std::string>{
              "/../secret.txt", "/sub/../../secret.txt", "/%2e%2e/secret.txt", "/%2E%2E%2Fsecret.txt",
              "/..%2fsecret.txt", "/.%2e/secret.txt", "/sub/%2e%2e%2f%2e%2e%2fsecret.txt", "/%252e%252e%252fsecret.txt",
@@ -131,7 +100,14 @@ TEST_F(EngineServer, WebAppTraversal) {
              "/%c0%ae%c0%ae/secret.txt", "/..;/secret.txt", "/.../secret.txt", "/%", "/%2", "/%zz", "/sub", "/missing.html"})
         rows.emplace_back(get(target), 404, "");
     // clang-format on
-    expectAnswers(rows);
+    for (const auto& [request, status, held] : rows) {
+        const std::string raw = ask(server.port(), request);
+        EXPECT_EQ(statusOf(raw), status) << request.substr(0, 80) << "\n" << raw;
+        EXPECT_NE(raw.find(held), std::string::npos) << request.substr(0, 80) << "\n" << raw;
+        EXPECT_EQ(raw.find(" (open)"), std::string::npos) << request.substr(0, 80);
+        EXPECT_EQ(raw.find("WWW-Authenticate: Basic ") != std::string::npos, status == 401);
+        EXPECT_EQ(raw.find("outside-the-web-app"), std::string::npos) << request;
+    }
 }
 
 // The library's life as the engine child lives it: filters checked, the document and the
