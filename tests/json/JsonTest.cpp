@@ -72,8 +72,10 @@ TEST(Json, StringRule) {
         Allocator& pool = parsed.GetAllocator();
         pool.allocationProhibited = !said.empty();
         Value value;
-        const std::string out = capturedOutput(
-            [&] { setString(value, text, std::strlen(text), copy, &pool, maxLength); });
+        const std::string out =
+            capturedOutput([&, text = text, copy = copy, maxLength = maxLength] {
+                setString(value, text, std::strlen(text), copy, &pool, maxLength);
+            });
         EXPECT_EQ(out.substr(0, out.find("number of allocator: ")), said);  // then the figures
         EXPECT_STREQ(value.GetString(), text);
         EXPECT_EQ(value.GetString() == text, !copy) << text;
