@@ -126,29 +126,28 @@ TEST(Json, Pool) {
     EXPECT_EQ(allocatorStatistics().memory, before.memory);
 }
 
-// Whatever the bytes of a mutated document, a parse either fails and leaves the
-// document as it was, or gives one that writes and deep-copies the same.
+// Whatever the bytes of a mutated document, a parse either fails and leaves the document as it
+// was, or gives one that writes and deep-copies the same.
 TEST(Json, FuzzNeverBreaksTheDocument) {
     const std::string seed =
-        R"({"plugins":[{"name":"a.dll","descr":"A \"q\" \u00e9","enabled":true}],)"
-        R"("x":[1,-2.5e3,18446744073709551615,-9223372036854775808,1e400,null,[[[]]],{}]})";
+        R"({"p":[{"name":"a.dll","d":"A \"q\" \u00e9","on":true}],"x":[1,-2.5e3,18446744073709551615,1e400,null,[[]],{}]})";
     std::mt19937 random(20261123);
     for (int round = 0; round < 4000; ++round) {
         std::string input = seed;
         for (int edits = 1 + random() % 6; edits > 0; --edits) {
-            const std::size_t at = random() % (input.size() + 1);
+            const std::size_t at = random() % input.size();
             if (random() % 2)
-                input.insert(at, input.substr(random() % (input.size() + 1), random() % 64));
-            else if (at < input.size())
+                input.insert(at, input.substr(random() % input.size(), random() % 64));
+            else
                 input[at] = "{}[]\",:\\0-.etn \xff"[random() % 16];
         }
         Document document, copy;
         parseString(document, R"({"kept":1})");
         document.max_length = random() % 40;
         const bool parsed = parseString(document, input.c_str());
-        ASSERT_EQ(text(document) != R"({"kept":1})", parsed) << round;  // kept unless parsed
+        ASSERT_EQ(text(document) != R"({"kept":1})", parsed) << input;  // kept unless parsed
         copyValue(copy, document, &copy.GetAllocator(), document.max_length);
-        ASSERT_EQ(text(copy), text(document)) << round;
+        ASSERT_EQ(text(copy), text(document)) << input;
     }
 }
 
