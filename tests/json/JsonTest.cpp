@@ -21,12 +21,14 @@ std::string text(const Value& value) {
     return buffer.GetString();
 }
 
+using S = std::string;
+
 // Lookups: names match on length and bytes, absence is silent, a non-object says so, one
 // shared null stands for anything missing, ensurePath makes (or repairs) empty objects. A copy
-// without an allocator gives null; a prohibited one refuses a deep copy. A failed parse,
-// too deeply nested for instance, keeps the document.
+// without an allocator gives null; a prohibited one refuses a deep copy. Parsing and deep copies
+// follow the string rule, a prohibited pool parses all the same; a failed parse (too deep for
+// instance) keeps the document.
 TEST(Json, Calls) {
-    using S = std::string;
     const S missing = "rapidJson: member name not found; please fix it!\n";
     const std::tuple<const char*, std::function<S(Document&)>, S, S> cases[] = {
         // clang-format off
@@ -41,9 +43,12 @@ TEST(Json, Calls) {
         {R"({"m":1,"s":{}})", [](Document& d) { ensurePath(d, {"s", "ip"}); ensurePath(d, {"s", "ip"}); return text(d); }, R"({"m":1,"s":{"ip":{}}})", ""},
         {R"({"s":"x"})", [](Document& d) { ensurePath(d, {"s", "ip"}); return text(d); }, R"({"s":{"ip":{}}})", "not an object [ip]\n"},
         {"not json", [](Document& d) { ensurePath(d, {"mode"}).SetInt(2); return text(d); }, R"({"mode":2})", "not an object [mode]\n"},
-        {"1", [](Document&) { Value v(rapidjson::StringRef("x")); setString(v, "abc", 3, true, nullptr, 64); return text(v); }, "null", "rapidjson: SetStringRaw(abc): error: allocator((nil)) missing or max_length(64) == 0\n"},
         {"[1]", [](Document& d) { d.GetAllocator().allocationProhibited = true; copyValue(d, Document().SetObject(), &d.GetAllocator()); return text(d); }, "[1]", "rapidJson: CopyFrom Allocation is prohibited from this allocator\n"},
-        {"[]", [](Document& d) { return std::to_string(parseString(d, (S(513, '[') + S(513, ']')).c_str())) + text(d); }, "0[]", ""},  // stack-safe depth
+        {"1", [](Document&) { Value v(rapidjson::StringRef("x")); setString(v, "abc", 3, true, nullptr, 64); return text(v); }, "null", "rapidjson: SetStringRaw(abc): error: allocator((nil)) missing or max_length(64) == 0\n"},
+        {"", [](Document& d) { d.max_length = 31; parseString(d, R"("abc")"); return text(d) + std::to_string(d.GetAllocator().Size()); }, R"("abc"32)", ""},
+        {"", [](Document& d) { Document s; parseString(s, R"("abc")"); copyValue(d, s, &d.GetAllocator(), 31); return std::to_string(d.GetAllocator().Size()); }, "32", ""},
+        {"", [](Document& d) { d.GetAllocator().allocationProhibited = true; bool ok; capturedOutput([&] { ok = parseString(d, R"({"a":"bc"})"); }); return std::to_string(ok) + text(d); }, R"(1{"a":"bc"})", ""},
+        {"[]", [](Document& d) { const bool ok = parseString(d, (S(513, '[') + S(513, ']')).c_str()); return std::to_string(ok) + text(d); }, "0[]", ""},  // stack-safe depth
         // clang-format on
     };
     for (const auto& [json, call, result, said] : cases) {  // document, call, its result, said
@@ -56,8 +61,8 @@ TEST(Json, Calls) {
 }
 
 // The string rule: a reference, or a copy of length + 1 bytes, or of max_length + 1 grown to
-// fit (pool blocks are multiples of four); parsing and deep copies follow it. A prohibited pool
-// reports each allocation, and serves all the same.
+// fit (pool blocks are multiples of four). A prohibited pool reports each allocation, and
+// serves all the same.
 TEST(Json, StringRule) {
     const std::string prohibited =
         "rapidjson: SetStringRaw(abcdefgh): error: allocation prohibited\n"
@@ -68,8 +73,7 @@ TEST(Json, StringRule) {
         {"abc", true, 31, 32, ""},     {"abc", true, 3, 4, ""},
         {"abcdefgh", true, 3, 12, ""}, {"abcdefgh", true, 0, 12, prohibited}};
     for (const auto& [text, copy, maxLength, poolBytes, said] : cases) {
-        Document parsed, copied;
-        Allocator& pool = parsed.GetAllocator();
+        Allocator pool;
         pool.allocationProhibited = !said.empty();
         Value value;
         const std::string out =
@@ -80,21 +84,12 @@ TEST(Json, StringRule) {
         EXPECT_STREQ(value.GetString(), text);
         EXPECT_EQ(value.GetString() == text, !copy) << text;
         EXPECT_EQ(pool.Size(), poolBytes) << text << maxLength;
-        if (!copy)
-            continue;
-        pool.Clear();
-        parsed.max_length = maxLength;
-        capturedOutput(
-            [&, text = text] { parseString(parsed, ("\"" + std::string(text) + "\"").c_str()); });
-        copyValue(copied, parsed, &copied.GetAllocator(), maxLength);
-        EXPECT_EQ(parsed.GetAllocator().Size(), poolBytes) << text;
-        EXPECT_EQ(copied.GetAllocator().Size(), poolBytes) << text;
     }
 }
 
 // Chunks of the capacity or of the request's rounded size, a caller's buffer served first and
-// kept, whole chunks given back by Clear; Realloc grows the newest block in place and copies
-// any other; figures exact across threads.
+// kept, whole chunks given back by Clear; Realloc copies a block that is not the newest; figures
+// exact across threads.
 TEST(Json, Pool) {
     const AllocatorStatistics before = allocatorStatistics();
     alignas(8) char buffer[1024];
@@ -108,9 +103,8 @@ TEST(Json, Pool) {
         EXPECT_EQ(allocatorStatistics().memory, before.memory);
         EXPECT_EQ(pool.Malloc(5), inside);
         char* block = static_cast<char*>(std::memcpy(pool.Malloc(8), "1234567", 8));
-        EXPECT_EQ(pool.Realloc(block, 8, 20), block);
         pool.Malloc(4);
-        char* moved = static_cast<char*>(pool.Realloc(block, 20, 40));
+        char* moved = static_cast<char*>(pool.Realloc(block, 8, 40));
         EXPECT_NE(moved, block);
         EXPECT_STREQ(moved, "1234567");
     }
