@@ -29,7 +29,6 @@ using S = std::string;
 // follow the string rule, a prohibited pool parses all the same; a failed parse (too deep for
 // instance) keeps the document.
 TEST(Json, Calls) {
-    const S missing = "rapidJson: member name not found; please fix it!\n";
     const std::tuple<const char*, std::function<S(Document&)>, S, S> cases[] = {
         // clang-format off
         {R"({"s":{"ip":"1.2"}})", [](Document& d) { return text(*findPath(&d, {"s", "ip"})); }, R"("1.2")", ""},
@@ -39,7 +38,7 @@ TEST(Json, Calls) {
         {"[1]", [](Document& d) { return std::to_string(hasMember(d, "mode")); }, "0", "not an object [mode]\n"},
         {R"({"mode":4})", [](Document& d) { return std::to_string(hasMember(d, "mode")) + std::to_string(hasMember(d, "x")); }, "10", ""},
         {R"({"ip":"a"})", [](Document& d) { return text(checkedMember(std::as_const(d), "ip")); }, R"("a")", ""},
-        {R"({"p":[]})", [](Document& d) { return S(&checkedMember(d, "name") == &checkedMember(d["p"], "name") ? "shared" : ""); }, "shared", missing + "not an object [name]\n" + missing},
+        {R"({"p":[]})", [](Document& d) { return S(&checkedMember(d, "name") == &checkedMember(d["p"], "name") ? "shared" : ""); }, "shared", "rapidJson: member name not found; please fix it!\nnot an object [name]\nrapidJson: member name not found; please fix it!\n"},
         {R"({"m":1,"s":{}})", [](Document& d) { ensurePath(d, {"s", "ip"}); ensurePath(d, {"s", "ip"}); return text(d); }, R"({"m":1,"s":{"ip":{}}})", ""},
         {R"({"s":"x"})", [](Document& d) { ensurePath(d, {"s", "ip"}); return text(d); }, R"({"s":{"ip":{}}})", "not an object [ip]\n"},
         {"not json", [](Document& d) { ensurePath(d, {"mode"}).SetInt(2); return text(d); }, R"({"mode":2})", "not an object [mode]\n"},
@@ -128,13 +127,8 @@ TEST(Json, FuzzNeverBreaksTheDocument) {
     std::mt19937 random(20261123);
     for (int round = 0; round < 4000; ++round) {
         std::string input = seed;
-        for (int edits = 1 + random() % 6; edits > 0; --edits) {
-            const std::size_t at = random() % input.size();
-            if (random() % 2)
-                input.insert(at, input.substr(random() % input.size(), random() % 64));
-            else
-                input[at] = "{}[]\",:\\0-.etn \xff"[random() % 16];
-        }
+        for (int edits = 1 + random() % 6; edits > 0; --edits)
+            input[random() % input.size()] = "{}[]\",:\\0-.etn \xff"[random() % 16];
         Document document, copy;
         parseString(document, R"({"kept":1})");
         document.max_length = random() % 40;
