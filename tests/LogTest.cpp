@@ -17,10 +17,9 @@ void hook(std::uint32_t level, const char* file, int line, const char* text) {
 // ended in one. Levels 8 and above go nowhere. The file gets lines without colours, the category
 // form's without a time stamp. A hook takes logLine's lines at any level instead of both.
 TEST(Log, Lines) {
-    const std::string big(2000, 'x'), kept = big.substr(0, 1023 - 10 - 9),
-                                      cut = "T " + big.substr(0, 1013);
-    const std::string at = "T In f.cpp, line 7: \033[31m\033[1m", red = "T \033[31m\033[1mx\033[0m";
     // clang-format off
+    const std::string big(2000, 'x'), kept = big.substr(0, 1023 - 10 - 9), cut = "T " + big.substr(0, 1013);
+    const std::string at = "T In f.cpp, line 7: \033[31m\033[1m", red = "T \033[31m\033[1mx\033[0m";
     const std::tuple<const char*, std::uint32_t, std::string, std::string, std::string, const char*> cases[] = {
         // category ("" for logLine), level, format, console, file, what a hook gets (no hook when null)
         {"", 4, "disk %s at 97%%\n", "T \033[33m\033[1mdisk full at 97%\n\033[0m", "T disk full at 97%\n", nullptr},

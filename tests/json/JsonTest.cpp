@@ -63,14 +63,12 @@ TEST(Json, Calls) {
 // fit (pool blocks are multiples of four). A prohibited pool reports each allocation, and
 // serves all the same.
 TEST(Json, StringRule) {
-    const std::string prohibited =
-        "rapidjson: SetStringRaw(abcdefgh): error: allocation prohibited\n"
-        "rapidJson: Malloc: allocation prohibited, size = 9\nrapidJson: MemoryPoolAllocator: ";
+    // clang-format off
     const std::tuple<const char*, bool, std::uint32_t, std::size_t, std::string> cases[] = {
-        // text, copy, max_length, pool bytes, what a prohibited pool says
-        {"pluginA", false, 0, 0, ""},  {"pluginA", true, 0, 8, ""},
-        {"abc", true, 31, 32, ""},     {"abc", true, 3, 4, ""},
-        {"abcdefgh", true, 3, 12, ""}, {"abcdefgh", true, 0, 12, prohibited}};
+        // text, copy, max_length, pool bytes, what a prohibited pool says up to its figures
+        {"pluginA", false, 0, 0, ""}, {"pluginA", true, 0, 8, ""}, {"abc", true, 31, 32, ""}, {"abc", true, 3, 4, ""}, {"abcdefgh", true, 3, 12, ""},
+        {"abcdefgh", true, 0, 12, "rapidjson: SetStringRaw(abcdefgh): error: allocation prohibited\nrapidJson: Malloc: allocation prohibited, size = 9\nrapidJson: MemoryPoolAllocator: "}};
+    // clang-format on
     for (const auto& [text, copy, maxLength, poolBytes, said] : cases) {
         Allocator pool;
         pool.allocationProhibited = !said.empty();
@@ -79,7 +77,7 @@ TEST(Json, StringRule) {
             capturedOutput([&, text = text, copy = copy, maxLength = maxLength] {
                 setString(value, text, std::strlen(text), copy, &pool, maxLength);
             });
-        EXPECT_EQ(out.substr(0, out.find("number of allocator: ")), said);  // then the figures
+        EXPECT_EQ(out.substr(0, out.find("number of allocator: ")), said);
         EXPECT_STREQ(value.GetString(), text);
         EXPECT_EQ(value.GetString() == text, !copy) << text;
         EXPECT_EQ(pool.Size(), poolBytes) << text << maxLength;
@@ -107,12 +105,12 @@ TEST(Json, Pool) {
         EXPECT_NE(moved, block);
         EXPECT_STREQ(moved, "1234567");
     }
-    std::thread threads[4];
-    for (std::thread& thread : threads)
-        thread = std::thread([] {
-            for (int i = 0; i < 200; ++i)
-                Document().GetAllocator().Malloc(70000);
-        });
+    auto work = [] {
+        for (int i = 0; i < 200; ++i)
+            Document().GetAllocator().Malloc(70000);
+    };
+    std::thread threads[] = {std::thread(work), std::thread(work), std::thread(work),
+                             std::thread(work)};
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(allocatorStatistics().allocators, before.allocators);
