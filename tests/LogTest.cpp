@@ -12,10 +12,9 @@ void hook(std::uint32_t level, const char* file, int line, const char* text) {
     hooked = std::to_string(level) + " " + file + ":" + std::to_string(line) + " " + text;
 }
 
-// Console: level colour, the category form's place and category (none when null), message,
-// reset; a message cut at the 1024-byte buffer ends in "..." and a newline only when its format
-// ended in one. Levels 8 and above go nowhere. The file gets lines without colours, the category
-// form's without a time stamp. A hook takes logLine's lines at any level instead of both.
+// Console: level colour, the category form's place and category (if any), message, reset; a cut
+// line ends in "..." and a newline only if its format did. Levels 8 and up go nowhere. The file
+// gets no colours, nor the category form's time stamp. A hook takes logLine's lines at any level.
 TEST(Log, Lines) {
     // clang-format off
     const std::string big(2000, 'x'), kept = big.substr(0, 1023 - 10 - 9), cut = "T " + big.substr(0, 1013);

@@ -13,6 +13,7 @@ namespace {
 
 using namespace vlm::json;
 using vlm::test::capturedOutput;
+using S = std::string;
 
 std::string text(const Value& value) {
     rapidjson::StringBuffer buffer;
@@ -20,8 +21,6 @@ std::string text(const Value& value) {
     value.Accept(writer);
     return buffer.GetString();
 }
-
-using S = std::string;
 
 // Lookups: names match on length and bytes, absence is silent, a non-object says so, one
 // shared null stands for anything missing, ensurePath makes (or repairs) empty objects. A copy
@@ -73,10 +72,9 @@ TEST(Json, StringRule) {
         Allocator pool;
         pool.allocationProhibited = !said.empty();
         Value value;
-        const std::string out =
-            capturedOutput([&, text = text, copy = copy, maxLength = maxLength] {
-                setString(value, text, std::strlen(text), copy, &pool, maxLength);
-            });
+        vlm::test::StdoutCapture capture;
+        setString(value, text, std::strlen(text), copy, &pool, maxLength);
+        const std::string out = capture.text();
         EXPECT_EQ(out.substr(0, out.find("number of allocator: ")), said);
         EXPECT_STREQ(value.GetString(), text);
         EXPECT_EQ(value.GetString() == text, !copy) << text;
@@ -109,10 +107,9 @@ TEST(Json, Pool) {
         for (int i = 0; i < 200; ++i)
             Document().GetAllocator().Malloc(70000);
     };
-    std::thread threads[] = {std::thread(work), std::thread(work), std::thread(work),
-                             std::thread(work)};
-    for (std::thread& thread : threads)
-        thread.join();
+    std::thread a(work), b(work), c(work), d(work);
+    for (std::thread* thread : {&a, &b, &c, &d})
+        thread->join();
     EXPECT_EQ(allocatorStatistics().allocators, before.allocators);
     EXPECT_EQ(allocatorStatistics().memory, before.memory);
 }
@@ -120,11 +117,10 @@ TEST(Json, Pool) {
 // Whatever the bytes of a mutated document, a parse either fails and leaves the document as it
 // was, or gives one that writes and deep-copies the same.
 TEST(Json, FuzzNeverBreaksTheDocument) {
-    const std::string seed =
-        R"({"p":[{"name":"a.dll","d":"A \"q\" \u00e9","on":true}],"x":[1,-2.5e3,18446744073709551615,1e400,null,[[]],{}]})";
     std::mt19937 random(20261123);
     for (int round = 0; round < 4000; ++round) {
-        std::string input = seed;
+        std::string input =
+            R"({"p":[{"name":"a.dll","d":"A \"q\" \u00e9","on":true}],"x":[1,-2.5e3,18446744073709551615,1e400,null,[[]],{}]})";
         for (int edits = 1 + random() % 6; edits > 0; --edits)
             input[random() % input.size()] = "{}[]\",:\\0-.etn \xff"[random() % 16];
         Document document, copy;
