@@ -12,9 +12,9 @@ void hook(std::uint32_t level, const char* file, int line, const char* text) {
     hooked = std::to_string(level) + " " + file + ":" + std::to_string(line) + " " + text;
 }
 
-// Console: level colour, the category form's place and category (if any), message, reset; a cut
-// line ends in "..." and a newline only if its format did. Levels 8 and up go nowhere. The file
-// gets no colours, nor the category form's time stamp. A hook takes logLine's lines at any level.
+// Console: level colour, the category form's place and category (if any), message, reset; a line
+// cut at 1024 bytes ends in "..." and a newline only if its format did; levels 8 and up go nowhere.
+// The file gets no colours, nor the category form's time stamp. A hook takes all logLine's lines.
 TEST(Log, Lines) {
     // clang-format off
     const std::string big(2000, 'x'), kept = big.substr(0, 1023 - 10 - 9), cut = "T " + big.substr(0, 1013);
