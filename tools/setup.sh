@@ -3,7 +3,7 @@
 #   tools/setup.sh run        build and start the agent (extra arguments go to VELMOR)
 #   tools/setup.sh test       build and run every test (unit, gui, network)
 #   tools/setup.sh sanitize   build with AddressSanitizer + UBSan and run the unit tests
-#   tools/setup.sh tsan       build with ThreadSanitizer and run the zeroconf and Agent unit tests
+#   tools/setup.sh tsan       build with ThreadSanitizer and run the zeroconf, Agent and JSON unit tests
 #   tools/setup.sh bench      build and print the benchmark figures
 #   tools/setup.sh package    build the Debian package (build-package/velmor_<version>_amd64.deb)
 set -euo pipefail
@@ -74,8 +74,8 @@ case "$mode" in
     install_missing "${build_packages[@]}" "${test_packages[@]}"
     cmake -S . -B build-tsan -G Ninja -DVELMOR_TSAN=ON -DVELMOR_WERROR=ON -DCMAKE_BUILD_TYPE=Debug >/dev/null
     # Only what those tests need; each folder's ctest then runs whatever tests it holds.
-    cmake --build build-tsan --target tests/zeroconf/all tests/Agent/all
-    for dir in tests/zeroconf tests/Agent; do
+    cmake --build build-tsan --target tests/zeroconf/all tests/Agent/all tests/json/all
+    for dir in tests/zeroconf tests/Agent tests/json; do
       (cd "build-tsan/$dir" && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
         ctest --output-on-failure -j2 -L unit --timeout 600 "$@")
     done
