@@ -85,8 +85,8 @@ TEST(EngineServer, Requests) {
              "/..%2fsecret.txt", "/.%2e/secret.txt", "/sub/%2e%2e%2f%2e%2e%2fsecret.txt", "/%252e%252e%252fsecret.txt",
              "/..\\secret.txt", "/%5C..%5Csecret.txt", "\\..\\secret.txt", "/../secret.txt%00.html",
              "/index.html%00/../../secret.txt", "/%00", "/" + secret, "//" + secret, "/%2f" + secret.substr(1),
-             secret, "http://127.0.0.1" + secret, "/link.txt",
-             "/%c0%ae%c0%ae/secret.txt", "/..;/secret.txt", "/.../secret.txt", "/%", "/%2", "/%zz", "/sub", "/missing.html"})
+             secret, "http://127.0.0.1" + secret, "/link.txt", "/%c0%ae%c0%ae/secret.txt",
+             "/..;/secret.txt", "/.../secret.txt", "/%", "/%2", "/%zz", "/sub", "/missing.html", "/app.js%00.txt"})
         rows.emplace_back(get(target), 404, "");
     // clang-format on
     for (const auto& [request, status, held] : rows) {
