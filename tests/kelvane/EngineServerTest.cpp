@@ -79,7 +79,7 @@ TEST(EngineServer, Requests) {
              {"Authorization: Bearer YW5vbjphbm9u\r\n", 401}, {"Authorization: YW5vbjphbm9u\r\n", 401},
              {"Authorization: Basic\r\n", 401}, {"Authorization: Basic YW5vbjph\r\n", 401}})
         rows.emplace_back(post("/get", R"({"Path":"$"})", field), status, status == 200 ? "Plugins" : "");
-    // Never a file whose real path is outside the folder.
+    // Never a file whose real path is outside the folder, nor a name cut short by an encoded NUL.
     for (const std::string& target : std::vector<std::string>{
              "/../secret.txt", "/sub/../../secret.txt", "/%2e%2e/secret.txt", "/%2E%2E%2Fsecret.txt",
              "/..%2fsecret.txt", "/.%2e/secret.txt", "/sub/%2e%2e%2f%2e%2e%2fsecret.txt", "/%252e%252e%252fsecret.txt",
