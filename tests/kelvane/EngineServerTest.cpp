@@ -62,7 +62,8 @@ TEST(EngineServer, Requests) {
         // The web app needs no credentials and serves its files (links inside it too) with their types.
         {get("/"), 200, "Content-Type: text/html; charset=utf-8"}, {get("/sub/"), 200, "\r\n\r\nsub/index.html"},
         {get("/app.js?v=3"), 200, "Content-Type: application/javascript"}, {get("/alias.js"), 200, "\r\n\r\napp.js"},
-        {get("/%252e%252e/in.tx%74"), 200, "\r\n\r\n%2e%2e/in.txt"}, {post("/index.html", "{}", ""), 401, ""}, {post(filters, "[]", ""), 401, ""},
+        {get("/%252e%252e/in.tx%74"), 200, "\r\n\r\n%2e%2e/in.txt"}, {"HEAD /app.js HTTP/1.1\r\nConnection: close\r\n\r\n", 200, "Content-Length: 6\r\n"},
+        {post("/index.html", "{}", ""), 401, ""}, {post(filters, "[]", ""), 401, ""},
         // Oversized headers and bodies, bad chunking, malformed requests and control bodies, a request never finished.
         {"GET / HTTP/1.1\r\nX-Big: " + big + "\r\n\r\n", 431, ""}, {"GET /" + big + " HTTP/1.1\r\n\r\n", 431, ""},
         {"GET / HTTP/1.1\r\nConnection: close\r\nX: " + big.substr(3000) + "\r\n\r\n", 200, ""},
@@ -115,8 +116,7 @@ TEST(Engine, Lifecycle) {
     setenv("VELMOR_COMMON_APPDATA", common.path().c_str(), 1);
     setenv("APPDATA", appData.path().c_str(), 1);
     setenv("VELMOR_ENGINE_PORT", portText.c_str(), 1);
-    auto control = [&](const char* target, const std::string& body,
-                       const char* host = "127.0.0.1") {
+    auto call = [&](const char* target, const std::string& body, const char* host = "127.0.0.1") {
         const std::string raw = ask(port, post(target, body), host);  // "<status> <body>"
         return raw.empty() ? "0 " : raw.substr(9, 4) + raw.substr(raw.find("\r\n\r\n") + 4);
     };
@@ -132,15 +132,15 @@ TEST(Engine, Lifecycle) {
               "8 0 _velmor_studio-7" + registered + "086d61737465723a31");
     EXPECT_NE(KLV_Initialize(-1, 0, 1), 0);  // already running
     // clang-format off
-    EXPECT_EQ(control("/get", all), R"(200 {"Config":{"Plugins":[{"Name":"<b>","Major":1,"Minor":0},{"Name":"Delta","Major":4,"Minor":2}],"PluginDirectory":[")" +
+    EXPECT_EQ(call("/get", all), R"(200 {"Config":{"Plugins":[{"Name":"<b>","Major":1,"Minor":0},{"Name":"Delta","Major":4,"Minor":2}],"PluginDirectory":[")" +
               plugins + R"(",")" + appData.path() + R"(/Corvane Technologies/velmor/plugins"]},"Engine":{"Master":true,"Port":)" + portText +
               R"(,"InterfaceFilters":[{"Ip":"192.0.2.1","Mask":"255.255.255.0"},{"Ip":"127.0.0.1","Mask":"255.0.0.0"}]}})");
     // clang-format on
     EXPECT_NE(ask(port, get("/")).find("<td>&lt;b&gt;</td>"), std::string::npos);  // status page
     // Only another machine's address (an agent sends its own): listening on all, never on none.
     const std::string elsewhere = R"([{"Ip":"192.0.2.1","Mask":"255.255.255.0"}])";
-    EXPECT_EQ(control("/set_interface_filters", elsewhere), "200 " + elsewhere);
-    EXPECT_EQ(control("/get", all, "127.0.0.3").substr(0, 4), "200 ");
+    EXPECT_EQ(call("/set_interface_filters", elsewhere), "200 " + elsewhere);
+    EXPECT_EQ(call("/get", all, "127.0.0.3").substr(0, 4), "200 ");
     KLV_Uninitialize();
     EXPECT_EQ(fake.open_count("DNSServiceRegister"), 0);
     KLV_AddInterfaceFilter("127.0.0.1", "255.0.0.0");
@@ -149,7 +149,7 @@ TEST(Engine, Lifecycle) {
     sethostname((std::string(54, 'x') + "\xc3\xa9y").c_str(), 57);
     ASSERT_EQ(KLV_Initialize(-1, 0, 1), 0);
     EXPECT_EQ(fake.last("DNSServiceRegister"), "8 0 _velmor_" + std::string(54, 'x') + registered);
-    EXPECT_EQ(control("/get", R"({"Path":"$.Engine"})"),
+    EXPECT_EQ(call("/get", R"({"Path":"$.Engine"})"),
               R"(200 {"Master":false,"Port":)" + portText +
                   R"(,"InterfaceFilters":[{"Ip":"127.0.0.1","Mask":"255.0.0.0"}]})");
     KLV_Uninitialize();
