@@ -2,9 +2,12 @@
 
 #include "MainWindow/Tray.h"
 
+#include <sys/stat.h>
+
 #include <QApplication>
 #include <QComboBox>
 #include <QDialogButtonBox>
+#include <QFile>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QListView>
@@ -76,11 +79,12 @@ void pressSpace(QListView* view, int row) {
 
 class TrayTest : public vlm::test::AgentFixture {
 protected:
-    void build(const std::string& configText = "{}", bool trayAvailable = true) {
+    void build(const std::string& configText = "{}", bool trayHost = true) {
         TearDown();
+        hasTray = trayHost;
         agent = makeAgent(configText);
         agent->engineProgram = "/bin/false";  // every launch is followed by a death report
-        window = std::make_unique<vlm::MainWindow>(*agent, false, trayAvailable);
+        window = std::make_unique<vlm::MainWindow>(*agent, false, [this] { return hasTray; });
         tray = window->tray();
         tray->showBalloon = [this](const QString& title, const QString& text) {
             balloons.push_back((title + " | " + text).toStdString());
@@ -97,16 +101,16 @@ protected:
         window.reset();
     }
     // Runs run; act sees each other modal window once; message boxes are recorded
-    // ("title | text | icon") and accepted.
+    // ("title | text | icon", then the style sheet when it has one) and accepted.
     void modal(const std::function<void()>& run, const std::function<void(QWidget*)>& act = {}) {
         QPointer<QWidget> last;
         QTimer driver;
         QObject::connect(&driver, &QTimer::timeout, [&] {
             QWidget* modal = QApplication::activeModalWidget();
             if (auto* box = qobject_cast<QMessageBox*>(modal)) {
-                boxes.push_back((box->windowTitle() + " | " + box->text()).toStdString() + " | " +
-                                std::to_string(box->icon()));
-                styles.push_back(box->styleSheet().toStdString());
+                boxes.push_back((box->windowTitle() + " | " + box->text() + " | " +
+                                 QString::number(box->icon()) + box->styleSheet())
+                                    .toStdString());
                 box->accept();
             } else if (modal && modal != last && act) {
                 act(last = modal);
@@ -120,13 +124,15 @@ protected:
     std::unique_ptr<vlm::Agent> agent;
     std::unique_ptr<vlm::MainWindow> window;
     vlm::MainWindow::Tray* tray = nullptr;
-    Texts balloons, opened, boxes, styles;
+    bool hasTray = true;
+    Texts balloons, opened, boxes;
     std::chrono::steady_clock::time_point now{};
 };
 
-// The menu and the window as designed; the unconnected slots stay reachable by name. Without a tray
-// the window stands in: minimised, the menu's actions in its menu bar, a line for the menu's title,
-// and its close button minimises it again.
+// The menu and the window as designed; the unconnected slots stay reachable by name; a tray gone
+// hears nothing more. Without a tray the window stands in: minimised, the menu's actions in its
+// menu bar (a disabled one grey in the dark theme), a line for the menu's title; its close
+// button minimises it again, and a tray host that comes later takes over.
 TEST_F(TrayTest, ConstructionAndMetaObject) {
     qputenv("VELMOR_CATALOGUE_HOST", "127.0.0.1:1");  // never the maker's server
     build();
@@ -144,6 +150,8 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     ASSERT_TRUE(QMetaObject::invokeMethod(tray, "slotShowPluginsManager"));
     EXPECT_TRUE(tray->pluginWindow()->isVisible() && tray->pluginWindow()->rows().empty());
     qunsetenv("VELMOR_CATALOGUE_HOST");
+    window.reset();
+    EXPECT_EQ(agent->listeners, std::vector<vlm::Agent::Listener*>{&listener});
 
     build("{}", false);
     EXPECT_EQ(texts(window->menuBar()->actions()),
@@ -151,6 +159,20 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
                      "&About", "&Quit"}));
     EXPECT_TRUE(window->isVisible() && window->isMinimized());
     EXPECT_EQ(window->size(), QSize(480, 320));
+    QFile dark(":/cv_dark_theme");
+    ASSERT_TRUE(dark.open(QIODevice::ReadOnly));
+    qApp->setStyleSheet(dark.readAll());
+    const QImage bar = window->menuBar()->grab().toImage();
+    qApp->setStyleSheet({});
+    auto white = [&](QAction* action) {  // pixels of an item's white text
+        int count = 0;
+        const QRect item = window->menuBar()->actionGeometry(action);
+        for (int y = item.top(); y <= item.bottom(); ++y)
+            for (int x = item.left(); x <= item.right(); ++x)
+                count += qGray(bar.pixel(x, y)) > 200;
+        return count;
+    };
+    EXPECT_TRUE(white(tray->webAppAction) == 0 && white(tray->settingsAction) > 0);
     auto* status = window->findChild<QLabel*>("status");
     ASSERT_TRUE(status);
     EXPECT_EQ(status->text(), "VELMOR - No Server Running");
@@ -161,6 +183,10 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     window->showNormal();
     EXPECT_FALSE(window->close());
     EXPECT_TRUE(window->isVisible() && window->isMinimized());
+    hasTray = true;
+    window->checkTrayHost();
+    EXPECT_FALSE(window->isVisible() || window->withoutTray());
+    EXPECT_EQ(texts(window->menuBar()->actions()), Texts{"App"});
 }
 
 // The web application opens by itself once per new server, on a click only when attached,
@@ -234,14 +260,19 @@ TEST_F(TrayTest, RestartGuardTable) {
                                   "Local Server Died | No further attempts to revive "
                                   "local server as it crashes rapidly"));
     }
-    // A death reported on the watcher's thread restarts the engine, whose own quick death
-    // (/bin/false) is then given up.
-    build();
+    // A death reported on the watcher's thread restarts a Master's engine as a master; its own
+    // quick death is then given up.
+    build(R"({"mode": 1})");
+    agent->engineProgram = appData.file("engine");
+    vlm::test::writeFile(agent->engineProgram, "#!/bin/sh\necho \"$@\" >\"$0.args\"\n");
+    chmod(agent->engineProgram.c_str(), 0755);
     std::thread([this] { tray->onEngineDied(); }).join();
     EXPECT_TRUE(vlm::test::eventually([&] {
         QCoreApplication::processEvents();
         return balloons.size() == 1;
     }));
+    EXPECT_EQ(vlm::test::readFile(agent->engineProgram + ".args"),
+              "--server 1 --apid " + std::to_string(getpid()) + " --master 1\n");
 }
 
 // "&About" runs the box modally, sized by the scale, the agent's picture filling it and the
@@ -274,6 +305,8 @@ TEST_F(TrayTest, AboutBox) {
     EXPECT_TRUE(expected.contains(text) && text.width() > 40);
     EXPECT_LE(expected.right() - text.right() + text.top() - expected.top(), 8);
     EXPECT_EQ(qGray(image.pixel(image.width() - 1, 0)), 0);  // the picture fills the box
+    vlm::MainWindow::About bare(nullptr, "None");  // no picture resource: the version alone
+    EXPECT_FALSE(bare.grab().isNull());
 }
 
 // A mode is announced only when stored; one that cannot be written is reported, not
@@ -293,12 +326,13 @@ TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
         testing::internal::GetCapturedStdout();
     });
     vlm::darkModeQuery = query;
+    const std::string dark = "background-color: rgb(43, 43, 43);color: rgb(255, 255, 255);}";
     EXPECT_EQ(boxes, (Texts{"Mode Changed | Mode will be set to \"Master\" next time this Agent "
-                            "starts | 1",
+                            "starts | 1" +
+                                dark,
                             "Settings Not Saved | The settings could not be written to " +
                                 appData.file("config.json") +
-                                " (Permission denied). They stay as they were. | 2"}));
-    EXPECT_EQ(styles, Texts(2, "background-color: rgb(43, 43, 43);color: rgb(255, 255, 255);}"));
+                                " (Permission denied). They stay as they were. | 2" + dark}));
     EXPECT_NE(savedConfig().find(R"("mode":1)"), std::string::npos) << savedConfig();
     EXPECT_EQ(agent->mode, vlm::kModeHybrid);
     boxes.clear();
