@@ -31,6 +31,12 @@ using namespace std::chrono_literals;
 using Texts = std::vector<std::string>;
 using Settings = vlm::MainWindow::Settings;
 
+const std::string kPluginsBox =
+    "Plug-ins Filtering Changed | Plug-ins filtering will be set next time this Agent starts | 1";
+std::string modeBox(const std::string& word) {
+    return "Mode Changed | Mode will be set to \"" + word + "\" next time this Agent starts | 1";
+}
+
 Texts texts(const QList<QAction*>& actions) {
     Texts found;
     for (QAction* action : actions)
@@ -57,11 +63,10 @@ void click(QListView* view, int row, bool onText = false) {
     option.initFrom(view->viewport());
     option.rect = view->visualRect(view->model()->index(row, 0));
     option.features = QStyleOptionViewItem::HasCheckIndicator;
-    const QPoint at =
-        onText ? option.rect.center()
-               : view->style()
-                     ->subElementRect(QStyle::SE_ItemViewItemCheckIndicator, &option, view)
-                     .center();
+    const QPoint at = onText ? option.rect.center()
+                             : view->style()
+                                   ->subElementRect(QStyle::SE_ItemViewItemCheckIndicator, &option)
+                                   .center();
     for (auto type : {QEvent::MouseButtonPress, QEvent::MouseButtonRelease}) {
         QMouseEvent event(type, at, view->viewport()->mapToGlobal(at), Qt::LeftButton,
                           Qt::MouseButtons(type == QEvent::MouseButtonPress), Qt::NoModifier);
@@ -101,7 +106,7 @@ protected:
         window.reset();
     }
     // Runs run; act sees each other modal window once; message boxes are recorded
-    // ("title | text | icon", then the style sheet when it has one) and accepted.
+    // ("title | text | icon", then their style sheet) and accepted.
     void modal(const std::function<void()>& run, const std::function<void(QWidget*)>& act = {}) {
         QPointer<QWidget> last;
         QTimer driver;
@@ -119,6 +124,9 @@ protected:
         driver.start(5);
         run();
         EXPECT_TRUE(last.isNull());  // a dialog is gone when its slot returns
+    }
+    void press(QWidget* dialog, QDialogButtonBox::StandardButton which) {
+        dialog->findChild<QDialogButtonBox*>()->button(which)->click();
     }
 
     std::unique_ptr<vlm::Agent> agent;
@@ -154,24 +162,23 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     EXPECT_EQ(agent->listeners, std::vector<vlm::Agent::Listener*>{&listener});
 
     build("{}", false);
-    EXPECT_EQ(texts(window->menuBar()->actions()),
-              (Texts{"Open &Web App", "Start Local Server", "&Settings...", "&User Manual",
-                     "&About", "&Quit"}));
+    QMenuBar* bar = window->menuBar();
+    EXPECT_EQ(texts(bar->actions()), (Texts{"Open &Web App", "Start Local Server", "&Settings...",
+                                            "&User Manual", "&About", "&Quit"}));
     EXPECT_TRUE(window->isVisible() && window->isMinimized());
     EXPECT_EQ(window->size(), QSize(480, 320));
     QFile dark(":/cv_dark_theme");
     ASSERT_TRUE(dark.open(QIODevice::ReadOnly));
     qApp->setStyleSheet(dark.readAll());
-    const QImage bar = window->menuBar()->grab().toImage();
-    qApp->setStyleSheet({});
-    auto white = [&](QAction* action) {  // pixels of an item's white text
+    auto white = [image = bar->grab().toImage(), bar](QAction* action) {  // text pixels
         int count = 0;
-        const QRect item = window->menuBar()->actionGeometry(action);
+        const QRect item = bar->actionGeometry(action);
         for (int y = item.top(); y <= item.bottom(); ++y)
             for (int x = item.left(); x <= item.right(); ++x)
-                count += qGray(bar.pixel(x, y)) > 200;
+                count += qGray(image.pixel(x, y)) > 200;
         return count;
     };
+    qApp->setStyleSheet({});
     EXPECT_TRUE(white(tray->webAppAction) == 0 && white(tray->settingsAction) > 0);
     auto* status = window->findChild<QLabel*>("status");
     ASSERT_TRUE(status);
@@ -186,11 +193,12 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     hasTray = true;
     window->checkTrayHost();
     EXPECT_FALSE(window->isVisible() || window->withoutTray());
-    EXPECT_EQ(texts(window->menuBar()->actions()), Texts{"App"});
+    EXPECT_EQ(texts(bar->actions()), Texts{"App"});
 }
 
 // The web application opens by itself once per new server, on a click only when attached,
-// and for a second agent; reports from Agent threads reach the GUI thread queued.
+// and for a second agent; reports from Agent threads reach the GUI thread queued. The menu's
+// title, and "Start Local Server" in Hybrid without a local engine only.
 TEST_F(TrayTest, WebAppManualAndASecondAgentsRequest) {
     build();
     tray->iconActivated(QSystemTrayIcon::Trigger);
@@ -218,19 +226,19 @@ TEST_F(TrayTest, WebAppManualAndASecondAgentsRequest) {
                                "Server Found | Attached to 10.0.0.5:8080",
                                "Server Found | Attached to 10.0.0.6:8080",
                                "Server Not Found | Could not find VELMOR server in the network"}));
-    EXPECT_TRUE(tray->webAppAction->isEnabled());
-    // The menu's title, and "Start Local Server" in Hybrid without a local engine only.
     auto menu = [this] {
         tray->slotUpdatePopupMenu();
         return tray->titleAction->text().toStdString() +
-               (tray->startServerAction->isVisible() ? " +start" : "");
+               (tray->webAppAction->isEnabled() ? "+web" : "") +
+               (tray->startServerAction->isVisible() ? "+start" : "");
     };
-    EXPECT_EQ(menu(), "VELMOR - Server on 10.0.0.6:8080 +start");
+    EXPECT_EQ(menu(), "VELMOR - Server on 10.0.0.6:8080+web+start");
     agent->enginePid = 4242;
-    EXPECT_EQ(menu(), "VELMOR - Server on 10.0.0.6:8080");
+    EXPECT_EQ(menu(), "VELMOR - Server on 10.0.0.6:8080+web");
     agent->enginePid = 0;
     agent->mode = vlm::kModeSlave;
     agent->attachedServer.clear();
+    tray->slotAttachChanged("10.0.0.6:8080", false);
     EXPECT_EQ(menu(), "VELMOR - No Server Running");
     window.reset();
     if (vlm::showWebApp)
@@ -245,6 +253,9 @@ TEST_F(TrayTest, RestartGuardTable) {
         int restarts, givenUp;
     } cases[] = {{{0ms}, 1, 0},          {{0ms, 10s}, 1, 1},      {{0ms, 30000ms}, 1, 1},
                  {{0ms, 30001ms}, 2, 0}, {{0ms, 10s, 21s}, 2, 1}, {{0ms, 30001ms, 30000ms}, 2, 1}};
+    const Texts died(1,
+                     "Local Server Died | No further attempts to revive local server as it "
+                     "crashes rapidly");
     for (const Case& c : cases) {
         SCOPED_TRACE(c.gaps.size() * 100 + c.restarts * 10 + c.givenUp);
         build();
@@ -256,9 +267,7 @@ TEST_F(TrayTest, RestartGuardTable) {
         EXPECT_EQ(log.count("Trying to restart Engine process...\n"), c.restarts);
         EXPECT_EQ(log.count("Engine Process dies rapidly. No further attempt to restart\n"),
                   c.givenUp);
-        EXPECT_EQ(balloons, Texts(c.givenUp,
-                                  "Local Server Died | No further attempts to revive "
-                                  "local server as it crashes rapidly"));
+        EXPECT_EQ(balloons, c.givenUp ? died : Texts{});
     }
     // A death reported on the watcher's thread restarts a Master's engine as a master; its own
     // quick death is then given up.
@@ -269,7 +278,7 @@ TEST_F(TrayTest, RestartGuardTable) {
     std::thread([this] { tray->onEngineDied(); }).join();
     EXPECT_TRUE(vlm::test::eventually([&] {
         QCoreApplication::processEvents();
-        return balloons.size() == 1;
+        return balloons == died;
     }));
     EXPECT_EQ(vlm::test::readFile(agent->engineProgram + ".args"),
               "--server 1 --apid " + std::to_string(getpid()) + " --master 1\n");
@@ -305,18 +314,20 @@ TEST_F(TrayTest, AboutBox) {
     EXPECT_TRUE(expected.contains(text) && text.width() > 40);
     EXPECT_LE(expected.right() - text.right() + text.top() - expected.top(), 8);
     EXPECT_EQ(qGray(image.pixel(image.width() - 1, 0)), 0);  // the picture fills the box
-    vlm::MainWindow::About bare(nullptr, "None");  // no picture resource: the version alone
-    EXPECT_FALSE(bare.grab().isNull());
 }
 
-// A mode is announced only when stored; one that cannot be written is reported, not
-// announced, in the shared (here dark) message box with its style sheet as written. Then the
-// dialog: open, change by mouse and by keyboard, Ok, reopen: what the boxes showed is what is
-// stored; a click on a row is a change even when nothing toggles, and Cancel changes nothing.
-TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
+// Without the picture resource the box paints the version alone.
+TEST(About, WithoutAPicture) {
+    vlm::MainWindow::About about(nullptr, "None");
+    EXPECT_EQ(about.text(), "Version None");
+    EXPECT_FALSE(about.grab().isNull());
+}
+
+// A mode is announced only when stored; one that cannot be written is reported, not announced,
+// in the shared (here dark) message box with its style sheet as written.
+TEST_F(TrayTest, ModeChangeWithAnUnwritableConfiguration) {
     build(R"({"mode": 4})");
-    const auto query = vlm::darkModeQuery;
-    vlm::darkModeQuery = [] { return true; };
+    const auto query = std::exchange(vlm::darkModeQuery, [] { return true; });
     modal([&] {
         tray->slotModeMaster();
         tray->slotModeHybrid();  // the running mode: nothing stored, nothing shown
@@ -327,15 +338,18 @@ TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
     });
     vlm::darkModeQuery = query;
     const std::string dark = "background-color: rgb(43, 43, 43);color: rgb(255, 255, 255);}";
-    EXPECT_EQ(boxes, (Texts{"Mode Changed | Mode will be set to \"Master\" next time this Agent "
-                            "starts | 1" +
-                                dark,
+    EXPECT_EQ(boxes, (Texts{modeBox("Master") + dark,
                             "Settings Not Saved | The settings could not be written to " +
                                 appData.file("config.json") +
                                 " (Permission denied). They stay as they were. | 2" + dark}));
     EXPECT_NE(savedConfig().find(R"("mode":1)"), std::string::npos) << savedConfig();
     EXPECT_EQ(agent->mode, vlm::kModeHybrid);
-    boxes.clear();
+}
+
+// Open, change by mouse and by keyboard, Ok, reopen: what the boxes showed is what is stored; a
+// click on a row is a change even when nothing toggles, and Cancel changes nothing.
+TEST_F(TrayTest, SettingsRoundTrip) {
+    build(R"({"mode": 4})");
     modal([&] { tray->settingsAction->trigger(); },
           [&](QWidget* dialog) {
               auto& settings = *qobject_cast<Settings*>(dialog);
@@ -350,12 +364,9 @@ TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
               click(settings.pluginList, 1);
               pressSpace(settings.pluginList, 2);
               settings.modeCombo->setCurrentIndex(1);
-              settings.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+              press(dialog, QDialogButtonBox::Ok);
           });
-    EXPECT_EQ(boxes, (Texts{"Mode Changed | Mode will be set to \"Slave\" next time this Agent "
-                            "starts | 1",
-                            "Plug-ins Filtering Changed | Plug-ins filtering will be set next "
-                            "time this Agent starts | 1"}));
+    EXPECT_EQ(boxes, (Texts{modeBox("Slave"), kPluginsBox}));
     const std::string saved = savedConfig();
     modal([&] { tray->settingsAction->trigger(); },
           [&](QWidget* dialog) {
@@ -366,7 +377,7 @@ TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
               click(settings.pluginList, 1, true);  // no toggle, and still a change
               EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "XX-X");
               EXPECT_TRUE(settings.choices().pluginsChanged);
-              settings.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Cancel)->click();
+              press(dialog, QDialogButtonBox::Cancel);
           });
     EXPECT_EQ(boxes.size(), 2u);
     EXPECT_EQ(savedConfig(), saved);
@@ -382,14 +393,13 @@ TEST_F(TrayTest, SettingsApplyTellsWhatWaitsForTheNextStart) {
     build(R"({"mode": 4, "server": {"ip": "172.16.4.2"}, "discovery": {"filtering":
         [{"hardware_id": "CC:00:00:00:00:09"}, {"hardware_id": "BB:00:00:00:00:02"}]}})");
     auto settings = std::make_unique<Settings>(*agent, config, interfaces);
-    EXPECT_EQ(
-        settings->addressCombo->currentText() + QString::number(settings->addressCombo->count()),
-        "172.16.4.24");
+    EXPECT_EQ(settings->addressCombo->currentText() +
+                  QString::number(settings->addressCombo->count()) +
+                  settings->modeCombo->currentText(),
+              "172.16.4.24Hybrid");
     EXPECT_EQ(rows(settings->discoveryModel, true),
               "- All|- 10.0.0.x\t(Studio A)|- 172.16.x.x\t(Studio A)|X 192.x.7.x\t(Studio B)|"
               "X CC:00:00:00:00:09\t(not available)|");
-    EXPECT_EQ(settings->modeCombo->itemData(2).toInt() * 10 + settings->modeCombo->currentIndex(),
-              42);
     settings->discoveryModel->item(1)->setCheckState(Qt::Checked);  // one row chooses AA
     settings->discoveryModel->item(4)->setCheckState(Qt::Unchecked);
     settings->addressCombo->setCurrentIndex(0);
@@ -398,10 +408,7 @@ TEST_F(TrayTest, SettingsApplyTellsWhatWaitsForTheNextStart) {
     modal([&] { vlm::applySettings(*agent, settings->choices()); });
     EXPECT_EQ(boxes, (Texts{"Web Server Address Changed | Web Server Address will be set next "
                             "time this Agent starts | 1",
-                            "Mode Changed | Mode will be set to \"Master\" next time this Agent "
-                            "starts | 1",
-                            "Plug-ins Filtering Changed | Plug-ins filtering will be set next "
-                            "time this Agent starts | 1"}));
+                            modeBox("Master"), kPluginsBox}));
     const std::string saved = savedConfig();
     for (
         const char* part :
