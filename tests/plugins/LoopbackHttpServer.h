@@ -1,6 +1,7 @@
 #pragma once
 // A small HTTP server on 127.0.0.1 whose answers a test scripts per path, down to the bytes.
 
+#include <atomic>
 #include <boost/asio.hpp>
 #include <functional>
 #include <map>
@@ -11,7 +12,7 @@
 
 namespace vlm::test {
 
-/// \brief Answers one connection at a time; unknown paths get a 404 HTML page.
+/// \brief Answers one connection at a time; unknown paths (or a null handler) get a 404 page.
 class LoopbackHttpServer {
 public:
     using Socket = boost::asio::ip::tcp::socket;
@@ -20,12 +21,11 @@ public:
 
     LoopbackHttpServer() : thread_([this] { run(); }) {}
     ~LoopbackHttpServer() {
-        handle("", nullptr);  // a handler-less path: the sign to stop
-        // A blocking accept does not wake when the acceptor closes: wake it with a request.
+        stopping_ = true;
+        // A blocking accept does not wake when the acceptor closes: wake it with a connection.
         Socket waker(context_);
         boost::system::error_code ignored;
         waker.connect(acceptor_.local_endpoint(), ignored);
-        writeAll(waker, "GET  HTTP/1.0\r\n\r\n");
         thread_.join();
     }
 
@@ -58,32 +58,32 @@ public:
 
 private:
     void run() {
-        for (;;) {
+        for (boost::system::error_code error;;) {
             Socket socket(context_);
-            boost::system::error_code error;
             acceptor_.accept(socket, error);
+            if (stopping_)
+                return;
             boost::asio::streambuf buffer(64 * 1024);
             boost::asio::read_until(socket, buffer, "\r\n\r\n", error);
             const std::string request(boost::asio::buffers_begin(buffer.data()),
                                       boost::asio::buffers_end(buffer.data()));
             const std::size_t from = request.find(' ') + 1;
-            const std::string path = request.substr(from, request.find(' ', from) - from);
             Handler handler = [](Socket& s, auto&) {
                 writeAll(s, response(404, "<html><body><h1>404 Not Found</h1></body></html>"));
             };
             {
                 std::lock_guard<std::mutex> lock(mutex_);
-                if (handlers_.count("") && path.empty())
-                    return;
                 requests_.push_back(request);
-                if (handlers_.count(path))
-                    handler = handlers_[path];
+                auto found = handlers_.find(request.substr(from, request.find(' ', from) - from));
+                if (found != handlers_.end() && found->second)
+                    handler = found->second;
             }
             handler(socket, request);
             socket.shutdown(Socket::shutdown_both, error);
         }
     }
 
+    std::atomic<bool> stopping_{false};
     boost::asio::io_context context_;
     boost::asio::ip::tcp::acceptor acceptor_{context_,
                                              {boost::asio::ip::address_v4::loopback(), 0}};
