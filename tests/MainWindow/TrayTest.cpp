@@ -4,20 +4,7 @@
 
 #include <sys/stat.h>
 
-#include <QApplication>
-#include <QComboBox>
-#include <QDialogButtonBox>
-#include <QFile>
-#include <QKeyEvent>
-#include <QLabel>
-#include <QListView>
-#include <QMenuBar>
-#include <QPointer>
-#include <QPushButton>
-#include <QStandardItemModel>
-#include <QStyleOptionViewItem>
-#include <QTimer>
-#include <QUrl>
+#include <QtWidgets>
 
 #include "AgentTestSupport.h"
 #include "MainWindow/About.h"
@@ -71,14 +58,6 @@ void click(QListView* view, int row, bool onText = false) {
         QMouseEvent event(type, at, view->viewport()->mapToGlobal(at), Qt::LeftButton,
                           Qt::MouseButtons(type == QEvent::MouseButtonPress), Qt::NoModifier);
         QApplication::sendEvent(view->viewport(), &event);
-    }
-}
-
-void pressSpace(QListView* view, int row) {
-    view->setCurrentIndex(view->model()->index(row, 0));
-    for (auto type : {QEvent::KeyPress, QEvent::KeyRelease}) {
-        QKeyEvent event(type, Qt::Key_Space, Qt::NoModifier, " ");
-        QApplication::sendEvent(view, &event);
     }
 }
 
@@ -314,13 +293,8 @@ TEST_F(TrayTest, AboutBox) {
     EXPECT_TRUE(expected.contains(text) && text.width() > 40);
     EXPECT_LE(expected.right() - text.right() + text.top() - expected.top(), 8);
     EXPECT_EQ(qGray(image.pixel(image.width() - 1, 0)), 0);  // the picture fills the box
-}
-
-// Without the picture resource the box paints the version alone.
-TEST(About, WithoutAPicture) {
-    vlm::MainWindow::About about(nullptr, "None");
-    EXPECT_EQ(about.text(), "Version None");
-    EXPECT_FALSE(about.grab().isNull());
+    vlm::MainWindow::About bare(nullptr, "None");  // no picture resource: the version alone
+    EXPECT_FALSE(bare.grab().isNull());
 }
 
 // A mode is announced only when stored; one that cannot be written is reported, not announced,
@@ -362,7 +336,9 @@ TEST_F(TrayTest, SettingsRoundTrip) {
               click(settings.discoveryList, 0);  // "All" off: the interface rows free, unchecked
               EXPECT_EQ(rows(settings.discoveryModel).find_first_not_of('-'), std::string::npos);
               click(settings.pluginList, 1);
-              pressSpace(settings.pluginList, 2);
+              settings.pluginList->setCurrentIndex(settings.pluginModel->index(2, 0));
+              QKeyEvent space(QEvent::KeyPress, Qt::Key_Space, Qt::NoModifier, " ");
+              QApplication::sendEvent(settings.pluginList, &space);
               settings.modeCombo->setCurrentIndex(1);
               press(dialog, QDialogButtonBox::Ok);
           });

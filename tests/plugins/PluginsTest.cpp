@@ -71,46 +71,6 @@ TEST(Catalogue, MemberRules) {
         EXPECT_FALSE(isPlainFileName(name)) << name;
 }
 
-// Catalogue version against the loaded one, and what the row shows; a newer local plug-in is
-// not flagged, and a loaded plug-in the catalogue lacks is listed as installed.
-TEST(Catalogue, StatusTable) {
-    struct Case {
-        const char* certification;
-        int major, minor;
-        std::optional<LocalVersion> local;
-        bool file, downloaded;
-        RowStatus status;
-        const char* word;
-    } cases[] = {
-        {"release", 2, 0, LocalVersion{1, 9}, false, false, RowStatus::Outdated, "release"},
-        {"beta", 2, 1, LocalVersion{2, 0}, true, true, RowStatus::Outdated, "beta"},
-        {"experimental", 2, 0, LocalVersion{2, 0}, true, true, RowStatus::UpToDate, "experimental"},
-        {"Beta", 1, 5, LocalVersion{2, 0}, false, false, RowStatus::UpToDate, "unknown"},
-        {"release", 1, 0, std::nullopt, true, true, RowStatus::RestartNeeded, "release"},
-        {"release", 1, 0, std::nullopt, true, false, RowStatus::Download, "release"},
-        {"", 1, 0, std::nullopt, false, false, RowStatus::NotAvailable, "unknown"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.certification) + " " + std::to_string(c.major));
-        CatalogueEntries entries{{"p", {}}};
-        CatalogueEntry& entry = entries["p"];
-        entry.stability = stabilityOf(c.certification);
-        entry.major = c.major;
-        entry.minor = c.minor;
-        entry.hasWindowsFile = c.file;
-        LocalVersions local{{"mystery", {3, 1}}};
-        if (c.local)
-            local["p"] = *c.local;
-        applyStatus(entries, local);
-        EXPECT_EQ(rowStatus(entries.at("p"), c.downloaded), c.status);
-        EXPECT_STREQ(stabilityWord(entries.at("p").stability), c.word);
-        const CatalogueEntry& mystery = entries.at("mystery");
-        EXPECT_EQ(mystery.description + stabilityWord(mystery.stability),
-                  "local unknown pluginunknown");
-        EXPECT_EQ(rowStatus(mystery, false), RowStatus::UpToDate);
-    }
-}
-
 // What a broken or hostile catalogue server sends: a clear message, never a crash.
 TEST(Catalogue, BadInputTable) {
     const std::string whole = R"({"Plugins":[)" + plugin("a") + R"(],"Images":[]})";
