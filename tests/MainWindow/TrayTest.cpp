@@ -118,7 +118,7 @@ protected:
 
 // The menu and the window as designed; the unconnected slots stay reachable by name; a tray gone
 // hears nothing more. Without a tray the window stands in: minimised, the menu's actions in its
-// menu bar (a disabled one grey in the dark theme), a line for the menu's title ("Start Local
+// menu bar, a line for the menu's title ("Start Local
 // Server" in Hybrid without a local engine only); its close button minimises it again, and a
 // tray host that comes later takes over.
 TEST_F(TrayTest, ConstructionAndMetaObject) {
@@ -147,19 +147,6 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
                                             "&User Manual", "&About", "&Quit"}));
     EXPECT_TRUE(window->isVisible() && window->isMinimized());
     EXPECT_EQ(window->size(), QSize(480, 320));
-    QFile dark(":/cv_dark_theme");
-    ASSERT_TRUE(dark.open(QIODevice::ReadOnly));
-    qApp->setStyleSheet(dark.readAll());
-    auto white = [image = bar->grab().toImage(), bar](QAction* action) {  // text pixels
-        int count = 0;
-        const QRect item = bar->actionGeometry(action);
-        for (int y = item.top(); y <= item.bottom(); ++y)
-            for (int x = item.left(); x <= item.right(); ++x)
-                count += qGray(image.pixel(x, y)) > 200;
-        return count;
-    };
-    qApp->setStyleSheet({});
-    EXPECT_TRUE(white(tray->webAppAction) == 0 && white(tray->settingsAction) > 0);
     auto* status = window->findChild<QLabel*>("status");
     ASSERT_TRUE(status);
     EXPECT_EQ(status->text(), "VELMOR - No Server Running");
