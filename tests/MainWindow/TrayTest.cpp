@@ -104,9 +104,6 @@ protected:
         run();
         EXPECT_TRUE(last.isNull());  // a dialog is gone when its slot returns
     }
-    void press(QWidget* dialog, QDialogButtonBox::StandardButton which) {
-        dialog->findChild<QDialogButtonBox*>()->button(which)->click();
-    }
 
     std::unique_ptr<vlm::Agent> agent;
     std::unique_ptr<vlm::MainWindow> window;
@@ -116,11 +113,9 @@ protected:
     std::chrono::steady_clock::time_point now{};
 };
 
-// The menu and the window as designed; the unconnected slots stay reachable by name; a tray gone
-// hears nothing more. Without a tray the window stands in: minimised, the menu's actions in its
-// menu bar, a line for the menu's title ("Start Local
-// Server" in Hybrid without a local engine only); its close button minimises it again, and a
-// tray host that comes later takes over.
+// The menu and window as designed, the unconnected slots reachable, a tray gone hears nothing.
+// Without a tray the window stands in (minimised, the actions in its menu bar, the menu's title
+// and "Start Local Server" state in view) until a tray host appears.
 TEST_F(TrayTest, ConstructionAndMetaObject) {
     qputenv("VELMOR_CATALOGUE_HOST", "127.0.0.1:1");  // never the maker's server
     build();
@@ -279,9 +274,10 @@ TEST_F(TrayTest, AboutBox) {
     EXPECT_FALSE(bare.grab().isNull());
 }
 
-// A mode is announced only when stored; one that cannot be written is reported, not announced,
-// in the shared (here dark) message box with its style sheet as written.
-TEST_F(TrayTest, ModeChangeWithAnUnwritableConfiguration) {
+// A mode is announced only when stored; one that cannot be written is reported in the shared
+// (here dark) box. The dialog: open, change by mouse and keyboard, Ok, reopen: what the boxes
+// showed is stored; a click is a change even when nothing toggles; Cancel changes nothing.
+TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
     build(R"({"mode": 4})");
     const auto query = std::exchange(vlm::darkModeQuery, [] { return true; });
     modal([&] {
@@ -300,12 +296,7 @@ TEST_F(TrayTest, ModeChangeWithAnUnwritableConfiguration) {
                                 " (Permission denied). They stay as they were. | 2" + dark}));
     EXPECT_NE(savedConfig().find(R"("mode":1)"), std::string::npos) << savedConfig();
     EXPECT_EQ(agent->mode, vlm::kModeHybrid);
-}
-
-// Open, change by mouse and by keyboard, Ok, reopen: what the boxes showed is what is stored; a
-// click on a row is a change even when nothing toggles, and Cancel changes nothing.
-TEST_F(TrayTest, SettingsRoundTrip) {
-    build(R"({"mode": 4})");
+    boxes.clear();
     modal([&] { tray->settingsAction->trigger(); },
           [&](QWidget* dialog) {
               auto& settings = *qobject_cast<Settings*>(dialog);
@@ -322,7 +313,7 @@ TEST_F(TrayTest, SettingsRoundTrip) {
               QKeyEvent space(QEvent::KeyPress, Qt::Key_Space, Qt::NoModifier, " ");
               QApplication::sendEvent(settings.pluginList, &space);
               settings.modeCombo->setCurrentIndex(1);
-              press(dialog, QDialogButtonBox::Ok);
+              dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
           });
     EXPECT_EQ(boxes, (Texts{modeBox("Slave"), kPluginsBox}));
     const std::string saved = savedConfig();
@@ -335,7 +326,7 @@ TEST_F(TrayTest, SettingsRoundTrip) {
               click(settings.pluginList, 1, true);  // no toggle, and still a change
               EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "XX-X");
               EXPECT_TRUE(settings.choices().pluginsChanged);
-              press(dialog, QDialogButtonBox::Cancel);
+              dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Cancel)->click();
           });
     EXPECT_EQ(boxes.size(), 2u);
     EXPECT_EQ(savedConfig(), saved);
