@@ -24,8 +24,8 @@ bool waitUntil(const std::function<bool()>& done) {
     });
 }
 
-/// \brief The engine stand-in with plug-ins on disk, a catalogue server, and an agent of a
-/// user without APPDATA (an ordinary Linux session) attached to the engine.
+/// \brief The engine stand-in with plug-ins on disk, a catalogue server, and an agent (of a
+/// user without APPDATA) attached to the engine.
 class PluginWindowTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -67,10 +67,7 @@ protected:
     }
 
     RowDisplay* row(const std::string& name) const {
-        for (RowDisplay* candidate : window->rows())
-            if (candidate->entry().name == name)
-                return candidate;
-        throw std::runtime_error("no row " + name);
+        return window->findChild<RowDisplay*>(QString::fromStdString(name));
     }
     QString text(const std::string& rowName, const char* cell) const {
         auto* label = row(rowName)->findChild<QLabel*>(cell);
