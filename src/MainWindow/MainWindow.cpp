@@ -51,10 +51,8 @@ void MainWindow::checkTrayHost() {
     trayCheck_->stop();
     menuBar()->clear();
     menuBar()->addMenu(tray_->menu);
+    // The icon itself moves into the new tray on its own.
     hide();
-    // An icon made visible while there was no tray is embedded only when shown again.
-    tray_->trayIcon->hide();
-    tray_->trayIcon->show();
 }
 
 void MainWindow::showWithoutTray() {
