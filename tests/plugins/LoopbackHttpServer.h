@@ -1,7 +1,8 @@
 #pragma once
 // A small HTTP server on 127.0.0.1 whose answers a test scripts per path, down to the bytes.
 
-#include <atomic>
+#include <sys/socket.h>
+
 #include <boost/asio.hpp>
 #include <functional>
 #include <map>
@@ -17,21 +18,16 @@ class LoopbackHttpServer {
 public:
     using Socket = boost::asio::ip::tcp::socket;
     /// Answers one request; the connection is closed when it returns.
-    using Handler = std::function<void(Socket& socket, const std::string& request)>;
+    using Handler = std::function<void(Socket& socket)>;
 
     LoopbackHttpServer() : thread_([this] { run(); }) {}
     ~LoopbackHttpServer() {
-        stopping_ = true;
-        // A blocking accept does not wake when the acceptor closes: wake it with a connection.
-        Socket waker(context_);
-        boost::system::error_code ignored;
-        waker.connect(acceptor_.local_endpoint(), ignored);
+        ::shutdown(acceptor_.native_handle(), SHUT_RDWR);  // closing would not wake the accept
         thread_.join();
     }
 
-    /// A 200 answer with this body and a Content-Length.
     void serve(const std::string& path, const std::string& body) {
-        handle(path, [body](Socket& socket, auto&) { writeAll(socket, response(200, body)); });
+        handle(path, [body](Socket& socket) { writeAll(socket, response(200, body)); });
     }
     void handle(const std::string& path, Handler handler) {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -41,7 +37,6 @@ public:
     std::string host() const {
         return "127.0.0.1:" + std::to_string(acceptor_.local_endpoint().port());
     }
-    /// Every request head received, in order.
     std::vector<std::string> requests() {
         std::lock_guard<std::mutex> lock(mutex_);
         return requests_;
@@ -61,14 +56,14 @@ private:
         for (boost::system::error_code error;;) {
             Socket socket(context_);
             acceptor_.accept(socket, error);
-            if (stopping_)
+            if (error)  // shut down
                 return;
             boost::asio::streambuf buffer(64 * 1024);
             boost::asio::read_until(socket, buffer, "\r\n\r\n", error);
             const std::string request(boost::asio::buffers_begin(buffer.data()),
                                       boost::asio::buffers_end(buffer.data()));
             const std::size_t from = request.find(' ') + 1;
-            Handler handler = [](Socket& s, auto&) {
+            Handler handler = [](Socket& s) {
                 writeAll(s, response(404, "<html><body><h1>404 Not Found</h1></body></html>"));
             };
             {
@@ -78,12 +73,11 @@ private:
                 if (found != handlers_.end() && found->second)
                     handler = found->second;
             }
-            handler(socket, request);
+            handler(socket);
             socket.shutdown(Socket::shutdown_both, error);
         }
     }
 
-    std::atomic<bool> stopping_{false};
     boost::asio::io_context context_;
     boost::asio::ip::tcp::acceptor acceptor_{context_,
                                              {boost::asio::ip::address_v4::loopback(), 0}};

@@ -109,7 +109,7 @@ TEST(Catalogue, BadInputTable) {
 TEST(HttpGet, RequestBytesAndServerBehaviours) {
     const std::string big(3 * 1024 * 1024 + 17, 'b');  // beyond one read buffer
     auto answer = [](const std::string& head, const std::string& block = {}) {
-        return [=](Socket& s, auto&) {
+        return [=](Socket& s) {
             boost::system::error_code error;
             boost::asio::write(s, boost::asio::buffer(head), error);
             while (!block.empty() && !error)  // for ever, until the client gives up
@@ -145,8 +145,6 @@ TEST(HttpGet, RequestBytesAndServerBehaviours) {
     std::ostringstream body;
     const std::string refused = "127.0.0.1:" + std::to_string(vlm::test::freeLoopbackPort());
     EXPECT_FALSE(vlm::httpGet(refused, "/plugins.json", body));
-    // A label over 63 bytes fails inside the resolver library: no query leaves the machine.
-    EXPECT_FALSE(vlm::httpGet(std::string(70, 'a') + ".invalid", "/plugins.json", body));
     EXPECT_EQ(body.str(), "");
 }
 
