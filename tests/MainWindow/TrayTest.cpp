@@ -197,23 +197,22 @@ TEST_F(TrayTest, WebAppManualAndASecondAgentsRequest) {
 
 // A second death within 30000 ms of a restart gives up (once per death); later ones restart.
 TEST_F(TrayTest, RestartGuardTable) {
-    struct Case {
-        std::vector<std::chrono::milliseconds> gaps;  // between deaths
-        int restarts, givenUp;
-    } cases[] = {{{0ms}, 1, 0},          {{0ms, 10s}, 1, 1},      {{0ms, 30000ms}, 1, 1},
-                 {{0ms, 30001ms}, 2, 0}, {{0ms, 10s, 21s}, 2, 1}, {{0ms, 30001ms, 30000ms}, 2, 1}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.gaps.size() * 100 + c.restarts * 10 + c.givenUp);
+    // The gaps between deaths, the restarts, the deaths given up.
+    const std::tuple<std::vector<std::chrono::milliseconds>, int, int> cases[] = {
+        {{0ms}, 1, 0},          {{0ms, 10s}, 1, 1},      {{0ms, 30000ms}, 1, 1},
+        {{0ms, 30001ms}, 2, 0}, {{0ms, 10s, 21s}, 2, 1}, {{0ms, 30001ms, 30000ms}, 2, 1}};
+    for (const auto& [gaps, restarts, givenUp] : cases) {
+        SCOPED_TRACE(gaps.size() * 100 + restarts * 10 + givenUp);
         build();
         vlm::test::LogCapture log;
-        for (auto gap : c.gaps) {
+        for (auto gap : gaps) {
             now += gap;
             tray->slotEngineDied();
         }
-        EXPECT_EQ(log.count("Trying to restart Engine process...\n"), c.restarts);
+        EXPECT_EQ(log.count("Trying to restart Engine process...\n"), restarts);
         EXPECT_EQ(log.count("Engine Process dies rapidly. No further attempt to restart\n"),
-                  c.givenUp);
-        EXPECT_EQ(balloons, Texts(c.givenUp,
+                  givenUp);
+        EXPECT_EQ(balloons, Texts(givenUp,
                                   "Local Server Died | No further attempts to revive "
                                   "local server as it crashes rapidly"));
     }
@@ -269,10 +268,8 @@ TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
     modal([&] {
         tray->slotModeMaster();
         tray->slotModeHybrid();  // the running mode: nothing stored, nothing shown
-        testing::internal::CaptureStdout();
-        // Unwritable for this one call; the capture file must stay readable.
+        // Unwritable for this one call.
         std::make_unique<vlm::test::ReadOnlyFolder>(appData.path()), tray->slotModeSlave();
-        testing::internal::GetCapturedStdout();
     });
     vlm::darkModeQuery = query;
     const std::string dark = "background-color: rgb(43, 43, 43);color: rgb(255, 255, 255);}";

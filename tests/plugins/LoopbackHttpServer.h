@@ -58,22 +58,18 @@ private:
             acceptor_.accept(socket, error);
             if (error)  // shut down
                 return;
-            boost::asio::streambuf buffer(64 * 1024);
-            boost::asio::read_until(socket, buffer, "\r\n\r\n", error);
-            const std::string request(boost::asio::buffers_begin(buffer.data()),
-                                      boost::asio::buffers_end(buffer.data()));
+            std::string request;
+            boost::asio::read_until(socket, boost::asio::dynamic_buffer(request), "\r\n\r\n",
+                                    error);
             const std::size_t from = request.find(' ') + 1;
-            Handler handler = [](Socket& s) {
-                writeAll(s, response(404, "<html><body><h1>404 Not Found</h1></body></html>"));
-            };
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                requests_.push_back(request);
-                auto found = handlers_.find(request.substr(from, request.find(' ', from) - from));
-                if (found != handlers_.end() && found->second)
-                    handler = found->second;
-            }
-            handler(socket);
+            std::unique_lock<std::mutex> lock(mutex_);
+            requests_.push_back(request);
+            const Handler handler = handlers_[request.substr(from, request.find(' ', from) - from)];
+            lock.unlock();
+            if (handler)
+                handler(socket);
+            else
+                writeAll(socket, response(404, "<html><body><h1>404 Not Found</h1></body></html>"));
             socket.shutdown(Socket::shutdown_both, error);
         }
     }

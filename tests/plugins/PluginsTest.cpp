@@ -74,12 +74,7 @@ TEST(Catalogue, MemberRules) {
 // What a broken or hostile catalogue server sends: a clear message, never a crash.
 TEST(Catalogue, BadInputTable) {
     const std::string whole = R"({"Plugins":[)" + plugin("a") + R"(],"Images":[]})";
-    struct Case {
-        std::string text;
-        bool ok;
-        std::size_t entries;
-        const char* message;
-    } cases[] = {
+    const std::tuple<std::string, bool, std::size_t, const char*> cases[] = {
         {"<html>404</html>", false, 0,
          "Unable to parse Json document: Invalid value. -> corrupted (0)\n"},
         {whole.substr(0, whole.size() / 2), false, 0, "Unable to parse Json document: "},
@@ -92,13 +87,13 @@ TEST(Catalogue, BadInputTable) {
          "not an object [Name]\n"},
         {"[1,2,3]", true, 0, "the document is not an object"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.text.substr(0, 40));
+    for (const auto& [text, ok, count, message] : cases) {
+        SCOPED_TRACE(text.substr(0, 40));
         CatalogueEntries entries;
         std::string printed;
-        EXPECT_EQ(read(c.text, entries, printed), c.ok);
-        EXPECT_EQ(entries.size(), c.entries);
-        EXPECT_NE(printed.find(c.message), std::string::npos) << printed;
+        EXPECT_EQ(read(text, entries, printed), ok);
+        EXPECT_EQ(entries.size(), count);
+        EXPECT_NE(printed.find(message), std::string::npos) << printed;
         for (const auto& [name, entry] : entries)
             EXPECT_FALSE(entry.hasWindowsFile);
     }
@@ -116,12 +111,8 @@ TEST(HttpGet, RequestBytesAndServerBehaviours) {
                 boost::asio::write(s, boost::asio::buffer(block), error);
         };
     };
-    struct Case {
-        const char* name;
-        LoopbackHttpServer::Handler handler;  // null: the server's 404 page
-        bool ok;
-        std::string body;
-    } cases[] = {
+    // A null handler: the server's 404 page.
+    const std::tuple<const char*, LoopbackHttpServer::Handler, bool, std::string> cases[] = {
         {"document", answer(LoopbackHttpServer::response(200, "{}")), true, "{}"},
         {"error page", nullptr, true, "<html><body><h1>404 Not Found</h1></body></html>"},
         {"close after head", answer("HTTP/1.0 200 OK\r\nContent-Length: 10\r\n\r\n"), true, ""},
@@ -130,14 +121,14 @@ TEST(HttpGet, RequestBytesAndServerBehaviours) {
         {"endless head", answer("HTTP/1.0 200 OK\r\n", "X: y\r\n"), false, ""},
         {"endless status", answer("", std::string(65536, 'x')), false, ""},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, handler, ok, expected] : cases) {
+        SCOPED_TRACE(name);
         LoopbackHttpServer server;
-        const std::string path = c.handler ? "/plugins.json" : "/x";
-        server.handle(path, c.handler);
+        const std::string path = handler ? "/plugins.json" : "/x";
+        server.handle(path, handler);
         std::ostringstream body;
-        ASSERT_EQ(vlm::httpGet(server.host(), path, body), c.ok);
-        EXPECT_TRUE(!c.ok || body.str() == c.body) << body.str().size();
+        ASSERT_EQ(vlm::httpGet(server.host(), path, body), ok);
+        EXPECT_TRUE(!ok || body.str() == expected) << body.str().size();
         EXPECT_EQ(server.requests().front(), "GET " + path +
                                                  " HTTP/1.0\r\nHost: 127.0.0.1\r\nAccept: "
                                                  "*/*\r\nConnection: close\r\n\r\n");
