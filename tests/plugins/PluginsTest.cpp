@@ -13,7 +13,6 @@ namespace {
 
 using namespace vlm;
 using test::LoopbackHttpServer;
-using Socket = LoopbackHttpServer::Socket;
 
 std::string plugin(const std::string& name, const std::string& extra = {}) {
     return R"({"Name":")" + name + R"(","URL":"h:1/files/","Description":"About )" + name +
@@ -104,7 +103,7 @@ TEST(Catalogue, BadInputTable) {
 TEST(HttpGet, RequestBytesAndServerBehaviours) {
     const std::string big(3 * 1024 * 1024 + 17, 'b');  // beyond one read buffer
     auto answer = [](const std::string& head, const std::string& block = {}) {
-        return [=](Socket& s) {
+        return [=](LoopbackHttpServer::Socket& s) {
             boost::system::error_code error;
             boost::asio::write(s, boost::asio::buffer(head), error);
             while (!block.empty() && !error)  // for ever, until the client gives up
