@@ -13,12 +13,12 @@
 
 namespace vlm::test {
 
-/// \brief Answers one connection at a time; unknown paths (or a null handler) get a 404 page.
+/// \brief Answers one connection at a time; unknown paths (or a null handler) get a 404.
 class LoopbackHttpServer {
 public:
     using Socket = boost::asio::ip::tcp::socket;
     /// Answers one request; the connection is closed when it returns.
-    using Handler = std::function<void(Socket& socket)>;
+    using Handler = std::function<void(Socket& socket, const std::string& request)>;
 
     LoopbackHttpServer() : thread_([this] { run(); }) {}
     ~LoopbackHttpServer() {
@@ -27,7 +27,7 @@ public:
     }
 
     void serve(const std::string& path, const std::string& body) {
-        handle(path, [body](Socket& socket) { writeAll(socket, response(200, body)); });
+        handle(path, [body](Socket& socket, auto&) { writeAll(socket, response(200, body)); });
     }
     void handle(const std::string& path, Handler handler) {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -67,9 +67,9 @@ private:
             const Handler handler = handlers_[request.substr(from, request.find(' ', from) - from)];
             lock.unlock();
             if (handler)
-                handler(socket);
+                handler(socket, request);
             else
-                writeAll(socket, response(404, "<html><body><h1>404 Not Found</h1></body></html>"));
+                writeAll(socket, "HTTP/1.0 404 Not Found\r\n\r\nno such path");
             socket.shutdown(Socket::shutdown_both, error);
         }
     }

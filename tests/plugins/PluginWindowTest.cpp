@@ -157,7 +157,7 @@ TEST_F(PluginWindowTest, DownloadScenario) {
 
     // Cut off half-way: no plug-in file, nothing half-written left, the row as it was; then no
     // folder writable: said so.
-    catalogue.handle("/files/proxy_wavenet.dll", [](LoopbackHttpServer::Socket& s) {
+    catalogue.handle("/files/proxy_wavenet.dll", [](LoopbackHttpServer::Socket& s, auto&) {
         LoopbackHttpServer::writeAll(s, "HTTP/1.0 200 OK\r\n\r\n" + std::string(5000, 'w'));
         s.set_option(boost::asio::socket_base::linger(true, 0));
         s.close();
@@ -190,7 +190,7 @@ TEST_F(PluginWindowTest, DownloadScenario) {
 
     std::mutex stall;  // the answer waits for the window to close
     stall.lock();
-    catalogue.handle("/files/proxy_wavenet.dll", [&](LoopbackHttpServer::Socket& s) {
+    catalogue.handle("/files/proxy_wavenet.dll", [&](LoopbackHttpServer::Socket& s, auto&) {
         std::lock_guard<std::mutex> released(stall);
         LoopbackHttpServer::writeAll(s, LoopbackHttpServer::response(200, "late"));
     });

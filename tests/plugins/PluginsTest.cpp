@@ -103,17 +103,16 @@ TEST(Catalogue, BadInputTable) {
 TEST(HttpGet, RequestBytesAndServerBehaviours) {
     const std::string big(3 * 1024 * 1024 + 17, 'b');  // beyond one read buffer
     auto answer = [](const std::string& head, const std::string& block = {}) {
-        return [=](LoopbackHttpServer::Socket& s) {
+        return [=](LoopbackHttpServer::Socket& s, auto&) {
             boost::system::error_code error;
             boost::asio::write(s, boost::asio::buffer(head), error);
             while (!block.empty() && !error)  // for ever, until the client gives up
                 boost::asio::write(s, boost::asio::buffer(block), error);
         };
     };
-    // A null handler: the server's 404 page.
     const std::tuple<const char*, LoopbackHttpServer::Handler, bool, std::string> cases[] = {
         {"document", answer(LoopbackHttpServer::response(200, "{}")), true, "{}"},
-        {"error page", nullptr, true, "<html><body><h1>404 Not Found</h1></body></html>"},
+        {"error page", nullptr, true, "no such path"},  // null: the server's 404
         {"close after head", answer("HTTP/1.0 200 OK\r\nContent-Length: 10\r\n\r\n"), true, ""},
         {"no header lines", answer("HTTP/1.0 200 OK\r\n\r\nbare"), true, "bare"},
         {"big body", answer(LoopbackHttpServer::response(200, big)), true, big},
