@@ -251,6 +251,7 @@ TEST_F(TrayTest, AboutBox) {
     EXPECT_TRUE(QRect(10, 318, 879, 57).contains(text) && text.width() > 40);
     EXPECT_LE(888 - text.right() + text.top() - 318, 8);     // at the right, at the top
     EXPECT_EQ(qGray(image.pixel(image.width() - 1, 0)), 0);  // the picture fills the box
+    EXPECT_FALSE(vlm::MainWindow::About(nullptr, "None").grab().isNull());  // without a picture
 }
 
 // A mode is announced only when stored; one that cannot be written is reported in the shared
