@@ -4,6 +4,7 @@
 #include <QLabel>
 #include <QMenuBar>
 #include <QSystemTrayIcon>
+#include <QTimer>
 #include <QVBoxLayout>
 
 #include "AppConfig.h"
@@ -19,16 +20,39 @@ namespace vlm {
 
 std::function<bool()> darkModeQuery = [] { return false; };
 
-MainWindow::MainWindow(Agent& agent, bool startAgent, std::optional<bool> trayAvailable) {
+namespace {
+constexpr int kTrayCheckMs = 3000;
+}  // namespace
+
+MainWindow::MainWindow(Agent& agent, bool startAgent, std::function<bool()> trayAvailable)
+    : trayAvailable_(trayAvailable ? std::move(trayAvailable)
+                                   : [] { return QSystemTrayIcon::isSystemTrayAvailable(); }) {
     instance_ = this;
     initProgramResources();
     setWindowFlags((windowFlags() & ~Qt::WindowMaximizeButtonHint) |
                    Qt::MSWindowsFixedSizeDialogHint);
     tray_ = std::make_unique<Tray>(*this, agent, startAgent);
     resize(static_cast<int>(480 * dpiScale), static_cast<int>(320 * dpiScale));
-    withoutTray_ = !trayAvailable.value_or(QSystemTrayIcon::isSystemTrayAvailable());
-    if (withoutTray_)
-        showWithoutTray();
+    withoutTray_ = !trayAvailable_();
+    if (!withoutTray_)
+        return;
+    showWithoutTray();
+    // Qt passes on no event when a tray host starts later (a panel restarting, a session
+    // still coming up): ask now and then.
+    trayCheck_ = new QTimer(this);
+    connect(trayCheck_, &QTimer::timeout, this, &MainWindow::checkTrayHost);
+    trayCheck_->start(kTrayCheckMs);
+}
+
+void MainWindow::checkTrayHost() {
+    if (!withoutTray_ || !trayAvailable_())
+        return;
+    withoutTray_ = false;
+    trayCheck_->stop();
+    menuBar()->clear();
+    menuBar()->addMenu(tray_->menu);
+    // The icon itself moves into the new tray on its own.
+    hide();
 }
 
 void MainWindow::showWithoutTray() {

@@ -5,9 +5,10 @@
 #include <QMessageBox>
 #include <functional>
 #include <memory>
-#include <optional>
 
 #include "Agent/Agent.h"
+
+class QTimer;
 
 namespace vlm {
 
@@ -22,9 +23,9 @@ public:
     class About;
 
     /// startAgent: run the agent's start-up from the tray (tests build the window without it).
-    /// trayAvailable: whether the desktop shows a tray; asked of the desktop when not given.
+    /// trayAvailable: whether the desktop shows a tray now; the desktop's own answer when empty.
     explicit MainWindow(Agent& agent, bool startAgent = true,
-                        std::optional<bool> trayAvailable = std::nullopt);
+                        std::function<bool()> trayAvailable = {});
     ~MainWindow() override;
 
     Tray* tray() const { return tray_.get(); }
@@ -32,6 +33,10 @@ public:
     bool withoutTray() const { return withoutTray_; }
 
     static MainWindow* instance() { return instance_; }
+
+    /// Gives way to the tray icon once a tray host has appeared; called every few seconds while
+    /// this window stands in for the tray.
+    void checkTrayHost();
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -41,6 +46,8 @@ private:
 
     static inline MainWindow* instance_ = nullptr;
     std::unique_ptr<Tray> tray_;
+    std::function<bool()> trayAvailable_;
+    QTimer* trayCheck_ = nullptr;
     bool withoutTray_ = false;
 };
 

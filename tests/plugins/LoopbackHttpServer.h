@@ -1,6 +1,8 @@
 #pragma once
 // A small HTTP server on 127.0.0.1 whose answers a test scripts per path, down to the bytes.
 
+#include <sys/socket.h>
+
 #include <boost/asio.hpp>
 #include <functional>
 #include <map>
@@ -11,7 +13,7 @@
 
 namespace vlm::test {
 
-/// \brief Answers one connection at a time; unknown paths get a 404 HTML page.
+/// \brief Answers one connection at a time; unknown paths (or a null handler) get a 404.
 class LoopbackHttpServer {
 public:
     using Socket = boost::asio::ip::tcp::socket;
@@ -20,16 +22,10 @@ public:
 
     LoopbackHttpServer() : thread_([this] { run(); }) {}
     ~LoopbackHttpServer() {
-        handle("", nullptr);  // a handler-less path: the sign to stop
-        // A blocking accept does not wake when the acceptor closes: wake it with a request.
-        Socket waker(context_);
-        boost::system::error_code ignored;
-        waker.connect(acceptor_.local_endpoint(), ignored);
-        writeAll(waker, "GET  HTTP/1.0\r\n\r\n");
+        ::shutdown(acceptor_.native_handle(), SHUT_RDWR);  // closing would not wake the accept
         thread_.join();
     }
 
-    /// A 200 answer with this body and a Content-Length.
     void serve(const std::string& path, const std::string& body) {
         handle(path, [body](Socket& socket, auto&) { writeAll(socket, response(200, body)); });
     }
@@ -41,7 +37,6 @@ public:
     std::string host() const {
         return "127.0.0.1:" + std::to_string(acceptor_.local_endpoint().port());
     }
-    /// Every request head received, in order.
     std::vector<std::string> requests() {
         std::lock_guard<std::mutex> lock(mutex_);
         return requests_;
@@ -58,28 +53,23 @@ public:
 
 private:
     void run() {
-        for (;;) {
+        for (boost::system::error_code error;;) {
             Socket socket(context_);
-            boost::system::error_code error;
             acceptor_.accept(socket, error);
-            boost::asio::streambuf buffer(64 * 1024);
-            boost::asio::read_until(socket, buffer, "\r\n\r\n", error);
-            const std::string request(boost::asio::buffers_begin(buffer.data()),
-                                      boost::asio::buffers_end(buffer.data()));
+            if (error)  // shut down
+                return;
+            std::string request;
+            boost::asio::read_until(socket, boost::asio::dynamic_buffer(request), "\r\n\r\n",
+                                    error);
             const std::size_t from = request.find(' ') + 1;
-            const std::string path = request.substr(from, request.find(' ', from) - from);
-            Handler handler = [](Socket& s, auto&) {
-                writeAll(s, response(404, "<html><body><h1>404 Not Found</h1></body></html>"));
-            };
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                if (handlers_.count("") && path.empty())
-                    return;
-                requests_.push_back(request);
-                if (handlers_.count(path))
-                    handler = handlers_[path];
-            }
-            handler(socket, request);
+            std::unique_lock<std::mutex> lock(mutex_);
+            requests_.push_back(request);
+            const Handler handler = handlers_[request.substr(from, request.find(' ', from) - from)];
+            lock.unlock();
+            if (handler)
+                handler(socket, request);
+            else
+                writeAll(socket, "HTTP/1.0 404 Not Found\r\n\r\nno such path");
             socket.shutdown(Socket::shutdown_both, error);
         }
     }

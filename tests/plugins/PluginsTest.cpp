@@ -12,9 +12,7 @@
 namespace {
 
 using namespace vlm;
-using namespace testing::internal;
 using test::LoopbackHttpServer;
-using Socket = LoopbackHttpServer::Socket;
 
 std::string plugin(const std::string& name, const std::string& extra = {}) {
     return R"({"Name":")" + name + R"(","URL":"h:1/files/","Description":"About )" + name +
@@ -24,10 +22,10 @@ std::string plugin(const std::string& name, const std::string& extra = {}) {
 
 // Parses text into entries; printed gets standard output then Qt's debug messages.
 bool read(const std::string& text, CatalogueEntries& entries, std::string& printed) {
-    CaptureStdout();
-    CaptureStderr();
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
     const bool ok = readCatalogue(text, entries);
-    printed = GetCapturedStdout() + GetCapturedStderr();
+    printed = testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
     return ok;
 }
 
@@ -35,17 +33,17 @@ bool read(const std::string& text, CatalogueEntries& entries, std::string& print
 // members' message, pictures only where "Name" is "Proxy", and file names that stay in the
 // folder: one path component, judged by component ("a..b.dll" is fine).
 TEST(Catalogue, MemberRules) {
-    const std::string images =
-        R"([{"Name":"p","Proxy":"p","Vendor":"Tessel","Product":"Box","PNG_URL":"h/b.png",)"
-        R"("ICNS_URL":"h/b.icns"},{"Name":"Other","Proxy":"p","Vendor":"X","Product":"Y",)"
-        R"("PNG_URL":"","ICNS_URL":""},{"Name":"q","Proxy":"q","Vendor":"..","Product":"/x",)"
-        R"("PNG_URL":"","ICNS_URL":""}])";
     CatalogueEntries entries;
     std::string printed;
-    ASSERT_TRUE(read(R"({"Plugins":[)" + plugin("p", R"(,"Windows":"a..b.dll")") + "," +
-                         plugin("q") + "," + plugin("evil", R"(,"Windows":"..\\evil.dll")") +
-                         R"(,{"Name":"bare"}],"Images":)" + images + "}",
-                     entries, printed));
+    ASSERT_TRUE(read(
+        R"({"Plugins":[)" + plugin("p", R"(,"Windows":"a..b.dll")") + "," + plugin("q") + "," +
+            plugin("evil", R"(,"Windows":"..\\evil.dll")") +
+            R"(,{"Name":"bare"}],"Images":[)"
+            R"({"Name":"p","Proxy":"p","Vendor":"Tessel","Product":"Box","PNG_URL":"h/b.png",)"
+            R"("ICNS_URL":"h/b.icns"},{"Name":"Other","Proxy":"p","Vendor":"X","Product":"Y",)"
+            R"("PNG_URL":"","ICNS_URL":""},{"Name":"q","Proxy":"q","Vendor":"..","Product":"/x",)"
+            R"("PNG_URL":"","ICNS_URL":""}]})",
+        entries, printed));
     const CatalogueEntry& p = entries.at("p");
     EXPECT_EQ(p.url + "|" + p.description + "|" + p.contact + "|" + p.windowsFile,
               "h:1/files/|About p|dev@example.org|a..b.dll");
@@ -55,8 +53,7 @@ TEST(Catalogue, MemberRules) {
     const ImageRecord& image = p.images[0];
     EXPECT_EQ(image.vendor + "|" + image.product + "|" + image.pngUrl + "|" + image.icnsUrl,
               "Tessel|Box|h/b.png|h/b.icns");
-    EXPECT_EQ(pictureName(image), "Tessel_Box");
-    EXPECT_EQ(pictureName(entries.at("q").images.at(0)), "");  // ".._/x"
+    EXPECT_EQ(pictureName(image) + "|" + pictureName(entries.at("q").images.at(0)), "Tessel_Box|");
     EXPECT_FALSE(entries.at("q").hasWindowsFile || entries.at("evil").hasWindowsFile);
     EXPECT_EQ(entries.at("bare").stability, -1);
     for (const char* line : {"Plug-in evil: refused file name \"..\\evil.dll\"\n",
@@ -73,55 +70,10 @@ TEST(Catalogue, MemberRules) {
         EXPECT_FALSE(isPlainFileName(name)) << name;
 }
 
-// Catalogue version against the loaded one, and what the row shows; a newer local plug-in is
-// not flagged, and a loaded plug-in the catalogue lacks is listed as installed.
-TEST(Catalogue, StatusTable) {
-    struct Case {
-        const char* certification;
-        int major, minor;
-        std::optional<LocalVersion> local;
-        bool file, downloaded;
-        RowStatus status;
-        const char* word;
-    } cases[] = {
-        {"release", 2, 0, LocalVersion{1, 9}, false, false, RowStatus::Outdated, "release"},
-        {"beta", 2, 1, LocalVersion{2, 0}, true, true, RowStatus::Outdated, "beta"},
-        {"experimental", 2, 0, LocalVersion{2, 0}, true, true, RowStatus::UpToDate, "experimental"},
-        {"Beta", 1, 5, LocalVersion{2, 0}, false, false, RowStatus::UpToDate, "unknown"},
-        {"release", 1, 0, std::nullopt, true, true, RowStatus::RestartNeeded, "release"},
-        {"release", 1, 0, std::nullopt, true, false, RowStatus::Download, "release"},
-        {"", 1, 0, std::nullopt, false, false, RowStatus::NotAvailable, "unknown"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.certification) + " " + std::to_string(c.major));
-        CatalogueEntries entries{{"p", {}}};
-        CatalogueEntry& entry = entries["p"];
-        entry.stability = stabilityOf(c.certification);
-        entry.major = c.major;
-        entry.minor = c.minor;
-        entry.hasWindowsFile = c.file;
-        LocalVersions local{{"mystery", {3, 1}}};
-        if (c.local)
-            local["p"] = *c.local;
-        applyStatus(entries, local);
-        EXPECT_EQ(rowStatus(entries.at("p"), c.downloaded), c.status);
-        EXPECT_STREQ(stabilityWord(entries.at("p").stability), c.word);
-        const CatalogueEntry& mystery = entries.at("mystery");
-        EXPECT_EQ(mystery.description + stabilityWord(mystery.stability),
-                  "local unknown pluginunknown");
-        EXPECT_EQ(rowStatus(mystery, false), RowStatus::UpToDate);
-    }
-}
-
 // What a broken or hostile catalogue server sends: a clear message, never a crash.
 TEST(Catalogue, BadInputTable) {
     const std::string whole = R"({"Plugins":[)" + plugin("a") + R"(],"Images":[]})";
-    struct Case {
-        std::string text;
-        bool ok;
-        std::size_t entries;
-        const char* message;
-    } cases[] = {
+    const std::tuple<std::string, bool, std::size_t, const char*> cases[] = {
         {"<html>404</html>", false, 0,
          "Unable to parse Json document: Invalid value. -> corrupted (0)\n"},
         {whole.substr(0, whole.size() / 2), false, 0, "Unable to parse Json document: "},
@@ -134,65 +86,54 @@ TEST(Catalogue, BadInputTable) {
          "not an object [Name]\n"},
         {"[1,2,3]", true, 0, "the document is not an object"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.text.substr(0, 40));
+    for (const auto& [text, ok, count, message] : cases) {
+        SCOPED_TRACE(text.substr(0, 40));
         CatalogueEntries entries;
         std::string printed;
-        EXPECT_EQ(read(c.text, entries, printed), c.ok);
-        EXPECT_EQ(entries.size(), c.entries);
-        EXPECT_NE(printed.find(c.message), std::string::npos) << printed;
+        EXPECT_EQ(read(text, entries, printed), ok);
+        EXPECT_EQ(entries.size(), count);
+        EXPECT_NE(printed.find(message), std::string::npos) << printed;
         for (const auto& [name, entry] : entries)
             EXPECT_FALSE(entry.hasWindowsFile);
     }
-}
-
-void sendForever(Socket& socket, const std::string& head, const std::string& block) {
-    LoopbackHttpServer::writeAll(socket, head);
-    boost::system::error_code error;
-    while (!error)
-        boost::asio::write(socket, boost::asio::buffer(block), error);
 }
 
 // The request byte for byte (no port in "Host: "); any status is a document; a peer that never
 // ends its head cannot grow the buffer for ever (a reset transfer: the download scenario).
 TEST(HttpGet, RequestBytesAndServerBehaviours) {
     const std::string big(3 * 1024 * 1024 + 17, 'b');  // beyond one read buffer
-    auto answer = [](const std::string& bytes) {
-        return [bytes](Socket& s, auto&) { LoopbackHttpServer::writeAll(s, bytes); };
+    auto answer = [](const std::string& head, const std::string& block = {}) {
+        return [=](LoopbackHttpServer::Socket& s, auto&) {
+            boost::system::error_code error;
+            boost::asio::write(s, boost::asio::buffer(head), error);
+            while (!block.empty() && !error)  // for ever, until the client gives up
+                boost::asio::write(s, boost::asio::buffer(block), error);
+        };
     };
-    struct Case {
-        const char* name;
-        LoopbackHttpServer::Handler handler;  // null: the server's 404 page
-        bool ok;
-        std::string body;
-    } cases[] = {
+    const std::tuple<const char*, LoopbackHttpServer::Handler, bool, std::string> cases[] = {
         {"document", answer(LoopbackHttpServer::response(200, "{}")), true, "{}"},
-        {"error page", nullptr, true, "<html><body><h1>404 Not Found</h1></body></html>"},
+        {"error page", nullptr, true, "no such path"},  // null: the server's 404
         {"close after head", answer("HTTP/1.0 200 OK\r\nContent-Length: 10\r\n\r\n"), true, ""},
         {"no header lines", answer("HTTP/1.0 200 OK\r\n\r\nbare"), true, "bare"},
         {"big body", answer(LoopbackHttpServer::response(200, big)), true, big},
-        {"endless head",
-         [](Socket& s, auto&) { sendForever(s, "HTTP/1.0 200 OK\r\n", "X: y\r\n"); }, false, ""},
-        {"endless status", [](Socket& s, auto&) { sendForever(s, "", std::string(65536, 'x')); },
-         false, ""},
+        {"endless head", answer("HTTP/1.0 200 OK\r\n", "X: y\r\n"), false, ""},
+        {"endless status", answer("", std::string(65536, 'x')), false, ""},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, handler, ok, expected] : cases) {
+        SCOPED_TRACE(name);
         LoopbackHttpServer server;
-        if (c.handler)
-            server.handle("/plugins.json", c.handler);
+        const std::string path = handler ? "/plugins.json" : "/x";
+        server.handle(path, handler);
         std::ostringstream body;
-        ASSERT_EQ(vlm::httpGet(server.host(), c.handler ? "/plugins.json" : "/x", body), c.ok);
-        EXPECT_TRUE(!c.ok || body.str() == c.body) << body.str().size();
-        EXPECT_EQ(server.requests().front(),
-                  std::string("GET ") + (c.handler ? "/plugins.json" : "/x") +
-                      " HTTP/1.0\r\nHost: 127.0.0.1\r\nAccept: */*\r\nConnection: close\r\n\r\n");
+        ASSERT_EQ(vlm::httpGet(server.host(), path, body), ok);
+        EXPECT_TRUE(!ok || body.str() == expected) << body.str().size();
+        EXPECT_EQ(server.requests().front(), "GET " + path +
+                                                 " HTTP/1.0\r\nHost: 127.0.0.1\r\nAccept: "
+                                                 "*/*\r\nConnection: close\r\n\r\n");
     }
     std::ostringstream body;
     const std::string refused = "127.0.0.1:" + std::to_string(vlm::test::freeLoopbackPort());
     EXPECT_FALSE(vlm::httpGet(refused, "/plugins.json", body));
-    // A label over 63 bytes fails inside the resolver library: no query leaves the machine.
-    EXPECT_FALSE(vlm::httpGet(std::string(70, 'a') + ".invalid", "/plugins.json", body));
     EXPECT_EQ(body.str(), "");
 }
 

@@ -6,6 +6,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QLabel>
+#include <QMenuBar>
 #include <QPointer>
 #include <QStyle>
 #include <QTimer>
@@ -35,7 +36,8 @@ struct FakeAppearance : vlm::SystemAppearance, QCVTheme::Listener {
 // Faults: the mode decided wrongly (VELMOR_THEME, the 5G + 2R + B > 1024 rule on the desktop
 // palette's text); a palette, style sheet, title bar or link colour of the other mode; a
 // registered window's descendants left out; a destroyed window touched; a desktop change
-// applied on its own thread instead of the GUI thread.
+// applied on its own thread instead of the GUI thread; a disabled menu bar item that looks
+// enabled in the dark.
 struct Mode {
     const char *name, *setting;  // setting: VELMOR_THEME, or none
     QColor foreground;
@@ -88,6 +90,21 @@ TEST_P(LightDark, DecidedThenAppliedThroughout) {
     EXPECT_EQ(appearance->titleBars, (std::vector<std::pair<QWidget*, bool>>{{&window, m.dark}}));
     EXPECT_EQ(label->text(), QString("<a href=\"x\" style=\"color: rgb(%1);\">A</a>")
                                  .arg(m.dark ? "42, 130, 218" : "0, 0, 255"));
+    // A disabled menu bar item is grey in the dark, not white as an enabled one.
+    QMenuBar bar;
+    QAction* off = bar.addAction("Off");
+    off->setEnabled(false);
+    QAction* on = bar.addAction("On");
+    const QImage shot = bar.grab().toImage();
+    auto white = [&](QAction* action) {  // pixels of white text
+        int count = 0;
+        const QRect item = bar.actionGeometry(action);
+        for (int y = item.top(); y <= item.bottom(); ++y)
+            for (int x = item.left(); x <= item.right(); ++x)
+                count += qGray(shot.pixel(x, y)) > 200;
+        return count;
+    };
+    EXPECT_EQ(white(off) == 0 && white(on) > 0, m.dark);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, LightDark,
