@@ -7,14 +7,11 @@
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "Agent/Agent.h"
 #include "AppConfig.h"
 #include "Log.h"
 #include "ProgramsOnHost.h"
-#include "TestSupport.h"
 
 namespace vlm::test {
 
@@ -31,8 +28,8 @@ public:
         return lines_;
     }
     int count(const std::string& line) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return static_cast<int>(std::count(lines_.begin(), lines_.end(), line));
+        const auto all = lines();
+        return static_cast<int>(std::count(all.begin(), all.end(), line));
     }
     bool waitFor(const std::string& line, std::chrono::milliseconds timeout) {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -87,7 +84,6 @@ protected:
         setenv("APPDATA", appData.path().c_str(), 1);
         setenv("VELMOR_COMMON_APPDATA", appData.path().c_str(), 1);
     }
-
     /// Loads the configuration text and builds an agent on it with fast waits.
     std::unique_ptr<Agent> makeAgent(const std::string& configText = "{}") {
         writeFile(appData.file("config.json"), configText);
@@ -98,7 +94,6 @@ protected:
         agent->addListener(&listener);
         return agent;
     }
-
     std::string savedConfig() { return readFile(appData.file("config.json")); }
 
     TempDir appData;

@@ -5,34 +5,15 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <functional>
-#include <map>
 #include <memory>
-#include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "TestNet.h"
 #include "TestSupport.h"
 
 namespace vlm::test {
-
-/// Polls until done() holds; false when the time runs out first.
-inline bool eventually(const std::function<bool()>& done,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(15),
-                       std::chrono::milliseconds step = std::chrono::milliseconds(10)) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(step);
-    }
-    return true;
-}
 
 /// Folders of one program's configuration (APPDATA, common, runtime), removed with it.
 struct ProgramFolders {
@@ -51,21 +32,21 @@ struct ProgramFolders {
 };
 
 /// \brief The program on a test host: the engine-server role (a sleeper of the test as its
-/// parent), or with mode >= 0 the agent role with that configured mode.
+/// parent; mode -2 for a master), or with mode >= 0 the agent role with that configured mode.
 class ProgramOnHost {
 public:
     ProgramOnHost(const TestNet& net, const std::string& host, int port, int mode) {
-        std::string role = " --server 1 --apid ";
+        std::string role;
         if (mode < 0) {
             parent_ =
                 std::make_unique<Child>("/bin/sleep", std::vector<std::string>{"600"},
                                         std::map<std::string, std::string>{}, folders_.dir.path());
-            role += std::to_string(parent_->pid()) + (mode == -2 ? " --master 1" : "");
+            role = " --server 1 --apid " + std::to_string(parent_->pid()) +
+                   (mode == -2 ? " --master 1" : "");
         } else {
             const std::string config = folders_.dir.file("appdata/Corvane Technologies/velmor");
             std::filesystem::create_directories(config);
             writeFile(config + "/config.json", "{\"mode\": " + std::to_string(mode) + "}");
-            role.clear();
         }
         process_ = net.start(
             host, {"sh", "-c",
@@ -100,13 +81,11 @@ public:
         }
         return found;
     }
-    bool running() const { return !process_->wait(std::chrono::milliseconds(0)).has_value(); }
 
 private:
     std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     ProgramFolders folders_;
-    std::unique_ptr<Child> parent_;
-    std::unique_ptr<Child> process_;
+    std::unique_ptr<Child> parent_, process_;
 };
 
 /// \brief The engine-server role on a test host.

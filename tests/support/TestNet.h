@@ -24,16 +24,12 @@ public:
     TestNet& operator=(const TestNet&) = delete;
 
     bool ok() const { return error_.empty(); }
-    /// Why the network could not be made; empty when it is up.
     const std::string& error() const { return error_; }
     const std::string& name() const { return name_; }
-
     std::string address(const std::string& host) const;
-    /// The host's system bus, for a D-Bus client (such as libdns_sd) outside its namespaces.
-    std::string busAddress(const std::string& host) const;
 
-    /// Runs a shell command line on host; returns its exit status (-1 when it could not run).
-    /// Standard output and error go to *output when given.
+    /// Runs a shell command line on host; its exit status (-1 when it could not run), with
+    /// standard output and error in *output when given.
     int run(const std::string& host, const std::string& command,
             std::string* output = nullptr) const;
     /// Starts a program on host; the Child ends it (SIGKILL) when destroyed.
@@ -41,12 +37,10 @@ public:
                                  const std::vector<std::string>& args) const;
 
 private:
-    std::string script(const std::vector<std::string>& args, bool captureErrors) const;
+    int script(const std::vector<std::string>& args, std::string* output = nullptr) const;
 
     std::vector<std::string> hosts_;
-    std::string name_;
-    std::string error_;
-    bool made_ = false;
+    std::string name_, error_;
     TempDir outputs_;
 };
 

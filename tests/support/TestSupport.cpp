@@ -2,16 +2,21 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
-#include <netinet/in.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
+#include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <atomic>
+#include <boost/asio/ip/tcp.hpp>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -22,95 +27,64 @@ namespace vlm::test {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-// Polls until done() holds; false when the time runs out first.
-bool until(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
-}  // namespace
-
-TempDir::TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "velmor-test-XXXXXX").string();
-    if (!mkdtemp(pattern.data()))
+TempDir::TempDir() : path_((fs::temp_directory_path() / "velmor-test-XXXXXX").string()) {
+    if (!mkdtemp(path_.data()))
         throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
 }
 
 TempDir::~TempDir() {
-    std::error_code error;
-    fs::remove_all(path_, error);
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
 }
 
-ReadOnlyFolder::ReadOnlyFolder(const std::string& path) {
-    constexpr uid_t kNobody = 65534;
-    auto remember = [this](const fs::path& folder, unsigned mode) {
-        struct stat status {};
-        if (stat(folder.c_str(), &status) != 0)
-            return;
-        modes_.emplace_back(folder.string(), status.st_mode & 07777);
-        chmod(folder.c_str(), mode);
-    };
-    const fs::path folder = fs::absolute(path);
-    if (geteuid() == 0) {
-        for (fs::path up = folder.parent_path(); up != up.parent_path(); up = up.parent_path()) {
-            struct stat status {};
-            if (stat(up.c_str(), &status) == 0 && !(status.st_mode & S_IXOTH))
-                remember(up, (status.st_mode & 07777) | S_IXOTH);
-        }
-    }
-    remember(folder, 0555);
-    if (geteuid() == 0)
-        switchedUser_ = seteuid(kNobody) == 0;
+namespace {
+// Capabilities belong to a thread: only the caller loses the override.
+std::uint32_t setEffectiveCapabilities(std::function<std::uint32_t(std::uint32_t)> change) {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2]{};
+    syscall(SYS_capget, &header, data);
+    const std::uint32_t before = data[0].effective;
+    data[0].effective = change(before);
+    syscall(SYS_capset, &header, data);
+    return before;
+}
+}  // namespace
+
+ReadOnlyFolder::ReadOnlyFolder(const std::string& path)
+    : path_(path), mode_(static_cast<unsigned>(fs::status(path).permissions())) {
+    fs::permissions(path, fs::perms(0555));
+    effective_ =
+        setEffectiveCapabilities([](auto caps) { return caps & ~(1u << CAP_DAC_OVERRIDE); });
 }
 
 ReadOnlyFolder::~ReadOnlyFolder() {
-    if (switchedUser_ && seteuid(0) != 0)
-        std::abort();  // the rest of the test would run without its rights
-    for (auto at = modes_.rbegin(); at != modes_.rend(); ++at)
-        chmod(at->first.c_str(), at->second);
-}
-
-std::string sessionBusConfig(const std::string& listen) {
-    return R"(<!DOCTYPE busconfig PUBLIC
- "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>)" +
-           listen +
-           R"(</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)";
+    setEffectiveCapabilities([this](auto) { return effective_; });
+    fs::permissions(path_, fs::perms(mode_));
 }
 
 std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
 void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary) << content;
 }
 
 bool exists(const std::string& path) {
     return fs::exists(path);
+}
+
+bool eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout,
+                std::chrono::milliseconds step) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(step);
+    }
+    return true;
 }
 
 std::string buildDir() {
@@ -122,54 +96,44 @@ std::string velmorPath() {
 }
 
 Child::Child(const std::string& program, const std::vector<std::string>& args,
-             const std::map<std::string, std::string>& env, const std::string& outputDir)
-    : stdoutPath_(outputDir + "/stdout-" + std::to_string(reinterpret_cast<std::uintptr_t>(this))),
-      stderrPath_(outputDir + "/stderr-" + std::to_string(reinterpret_cast<std::uintptr_t>(this))) {
-    // Emptied before the fork: a Child at the same address may have left its output there.
-    writeFile(stdoutPath_, "");
-    writeFile(stderrPath_, "");
-    std::vector<std::string> environment;
-    for (char** entry = environ; *entry; ++entry) {
-        std::string text(*entry);
-        std::string name = text.substr(0, text.find('='));
-        if (!env.count(name))
-            environment.push_back(text);
-    }
-    for (const auto& [name, value] : env)
-        environment.push_back(name + "=" + value);
-
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const std::string& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (std::string& entry : environment)
-        envp.push_back(entry.data());
-    envp.push_back(nullptr);
-
-    pid_ = fork();
-    if (pid_ == 0) {
-        int out = open(stdoutPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int err = open(stderrPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int in = open("/dev/null", O_RDONLY);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        execve(program.c_str(), argv.data(), envp.data());
-        _exit(127);
-    }
+             const std::map<std::string, std::string>& env, const std::string& outputDir) {
+    static std::atomic<int> serial{0};
+    const std::string name = outputDir + "/child-" + std::to_string(++serial);
+    stdoutPath_ = name + ".out";
+    stderrPath_ = name + ".err";
+    std::vector<std::string> argv{program}, envp;
+    argv.insert(argv.end(), args.begin(), args.end());
+    for (char** entry = environ; *entry; ++entry)
+        if (!env.count(std::string(*entry, std::strcspn(*entry, "="))))
+            envp.push_back(*entry);
+    for (const auto& [key, value] : env)
+        envp.push_back(key + "=" + value);
+    auto pointers = [](std::vector<std::string>& texts) {
+        std::vector<char*> list;
+        for (std::string& text : texts)
+            list.push_back(text.data());
+        list.push_back(nullptr);
+        return list;
+    };
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&files, 1, stdoutPath_.c_str(), O_WRONLY | O_CREAT, 0644);
+    posix_spawn_file_actions_addopen(&files, 2, stderrPath_.c_str(), O_WRONLY | O_CREAT, 0644);
+    if (posix_spawn(&pid_, program.c_str(), &files, nullptr, pointers(argv).data(),
+                    pointers(envp).data()) != 0)
+        status_ = 127;
+    posix_spawn_file_actions_destroy(&files);
 }
 
 Child::~Child() {
-    if (!status_ && pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        wait(std::chrono::seconds(5));
-    }
+    kill(SIGKILL);
+    wait(std::chrono::seconds(5));
 }
 
 std::optional<int> Child::wait(std::chrono::milliseconds timeout) {
     int status = 0;
-    if (!status_ && until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
+    if (!status_ && eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
         status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     return status_;
 }
@@ -179,77 +143,53 @@ void Child::kill(int signal) {
         ::kill(pid_, signal);
 }
 
-std::string Child::output() const {
-    return readFile(stdoutPath_);
-}
-
-std::string Child::errors() const {
-    return readFile(stderrPath_);
-}
-
 bool Child::waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const {
-    return until([&] { return output().find(text) != std::string::npos; }, timeout);
+    return eventually([&] { return output().find(text) != std::string::npos; }, timeout);
+}
+
+std::string sessionBusConfig(const std::string& listen) {
+    return "<busconfig><type>session</type><listen>" + listen +
+           "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+           "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
+           "<allow own=\"*\"/></policy></busconfig>\n";
 }
 
 unsigned short freeLoopbackPort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
+    boost::asio::io_context io;
+    using boost::asio::ip::tcp;
+    return tcp::acceptor(io, {boost::asio::ip::address_v4::loopback(), 0}).local_endpoint().port();
 }
-
-namespace {
-size_t collectBody(char* data, size_t size, size_t count, void* target) {
-    static_cast<std::string*>(target)->append(data, size * count);
-    return size * count;
-}
-
-}  // namespace
 
 HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
                            const std::string& target, std::chrono::milliseconds timeout,
                            const std::string& body, const std::string& credentials) {
     HttpResponse response;
-    CURL* curl = curl_easy_init();
-    if (!curl)
-        return response;
-    std::string url = "http://" + host + ":" + std::to_string(port) + target;
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
-    curl_easy_setopt(curl, CURLOPT_PATH_AS_IS, 1L);
-    curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collectBody);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
-    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    if (method == "POST") {
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
-    }
-    if (method == "HEAD")
-        curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-    if (!credentials.empty()) {
-        curl_easy_setopt(curl, CURLOPT_HTTPAUTH, CURLAUTH_BASIC);
-        curl_easy_setopt(curl, CURLOPT_USERPWD, credentials.c_str());
-    }
-    if (curl_easy_perform(curl) == CURLE_OK) {
-        long status = 0;
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
+    const std::string url = "http://" + host + ":" + std::to_string(port) + target;
+    curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
+    curl_easy_setopt(curl.get(), CURLOPT_PATH_AS_IS, 1L);
+    curl_easy_setopt(curl.get(), CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
+    curl_easy_setopt(
+        curl.get(), CURLOPT_WRITEFUNCTION, +[](char* data, size_t, size_t n, void* to) {
+            static_cast<std::string*>(to)->append(data, n);
+            return n;
+        });
+    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &response.body);
+    if (method == "POST")
+        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, body.c_str());
+    if (!credentials.empty())
+        curl_easy_setopt(curl.get(), CURLOPT_USERPWD, credentials.c_str());
+    long status = 0;
+    if (curl_easy_perform(curl.get()) == CURLE_OK &&
+        curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status) == CURLE_OK)
         response.status = static_cast<int>(status);
-    }
-    curl_slist_free_all(headers);
-    curl_easy_cleanup(curl);
     return response;
 }
 
 bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout) {
-    return until(
+    return eventually(
         [&] {
             return httpRequestTo("127.0.0.1", port, "POST", "/get", std::chrono::milliseconds(500),
                                  R"({"Path": "$"})", "anon:anon")
@@ -258,49 +198,14 @@ bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout) {
         timeout);
 }
 
-StdoutCapture::StdoutCapture() : file_(std::tmpfile()), saved_(dup(1)) {
-    std::fflush(stdout);
-    dup2(fileno(file_), 1);
-}
-
-StdoutCapture::~StdoutCapture() {
-    text();
-    std::fclose(file_);
-}
-
-std::string StdoutCapture::text() {
-    std::fflush(stdout);
-    if (saved_ >= 0) {
-        dup2(saved_, 1);
-        close(saved_);
-        saved_ = -1;
-    }
-    std::string content;
-    std::rewind(file_);
-    for (int c; (c = std::fgetc(file_)) != EOF;)
-        content += static_cast<char>(c);
-    return content;
-}
-
 std::string capturedOutput(const std::function<void()>& call) {
-    StdoutCapture capture;
+    testing::internal::CaptureStdout();
     call();
-    return capture.text();
+    return testing::internal::GetCapturedStdout();
 }
 
 std::string withoutColours(const std::string& text) {
-    std::string plain;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\x1b') {
-            std::size_t end = text.find('m', i);
-            if (end == std::string::npos)
-                break;
-            i = end;
-            continue;
-        }
-        plain += text[i];
-    }
-    return plain;
+    return std::regex_replace(text, std::regex("\x1b\\[[0-9;]*m"), "");
 }
 
 }  // namespace vlm::test

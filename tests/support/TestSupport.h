@@ -5,7 +5,7 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <cstdio>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -21,7 +21,6 @@ public:
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
-
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
@@ -29,24 +28,27 @@ private:
     std::string path_;
 };
 
-/// \brief Makes a folder unwritable for this process while it lives: mode 0555 and, for root,
-/// whom modes do not stop, the effective user "nobody" (the folder's ancestors get the search
-/// permission that user needs). Everything is put back at the end of scope.
+/// \brief A folder this thread cannot write to while it lives: mode 0555 and, for root, whom
+/// modes do not stop, the thread's right to override them dropped. Put back at the end of scope.
 class ReadOnlyFolder {
 public:
     explicit ReadOnlyFolder(const std::string& path);
     ~ReadOnlyFolder();
-    ReadOnlyFolder(const ReadOnlyFolder&) = delete;
-    ReadOnlyFolder& operator=(const ReadOnlyFolder&) = delete;
 
 private:
-    std::vector<std::pair<std::string, unsigned>> modes_;  // restored in reverse order
-    bool switchedUser_ = false;
+    std::string path_;
+    unsigned mode_;
+    std::uint32_t effective_;
 };
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 bool exists(const std::string& path);
+
+/// Polls until done() holds; false when the time runs out first.
+bool eventually(const std::function<bool()>& done,
+                std::chrono::milliseconds timeout = std::chrono::seconds(15),
+                std::chrono::milliseconds step = std::chrono::milliseconds(10));
 
 /// Folder of the test binaries' build tree root (where VELMOR and the libraries are).
 std::string buildDir();
@@ -66,21 +68,18 @@ public:
     /// Exit status, or -signal when killed; nullopt when still running after the timeout.
     std::optional<int> wait(std::chrono::milliseconds timeout);
     void kill(int signal);
-    std::string output() const;
-    std::string errors() const;
-    /// Waits until the standard output contains text.
+    std::string output() const { return readFile(stdoutPath_); }
+    std::string errors() const { return readFile(stderrPath_); }
     bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const;
 
 private:
     pid_t pid_ = -1;
     std::optional<int> status_;
-    std::string stdoutPath_;
-    std::string stderrPath_;
+    std::string stdoutPath_, stderrPath_;
 };
 
-/// The configuration of a test's own session dbus-daemon, listening at listen (a D-Bus address
-/// such as "unix:dir=/tmp/x"). It has no service folders: a name nobody owns fails at once
-/// instead of starting a program.
+/// The configuration of a test's own session dbus-daemon listening at listen (a D-Bus address).
+/// It has no service folders: a name nobody owns fails at once instead of starting a program.
 std::string sessionBusConfig(const std::string& listen);
 
 /// A TCP port on 127.0.0.1 that was free a moment ago.
@@ -97,22 +96,7 @@ HttpResponse httpRequestTo(const std::string& host, unsigned short port, const s
                            std::chrono::milliseconds timeout = std::chrono::seconds(2),
                            const std::string& body = {}, const std::string& credentials = {});
 
-/// \brief Sends descriptor 1 (printf included) to a temporary file until text() is called.
-class StdoutCapture {
-public:
-    StdoutCapture();
-    ~StdoutCapture();
-    StdoutCapture(const StdoutCapture&) = delete;
-    StdoutCapture& operator=(const StdoutCapture&) = delete;
-    /// Everything written since construction; standard output is back in place afterwards.
-    std::string text();
-
-private:
-    std::FILE* file_;
-    int saved_;
-};
-
-/// What call() writes to standard output.
+/// What call() writes to standard output (printf included).
 std::string capturedOutput(const std::function<void()>& call);
 
 /// The text of a log without its colour sequences.
