@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <thread>
 
-#include "Agent/Agent.h"
 #include "AppConfig.h"
 #include "PluginInventory.h"
 #include "TestSupport.h"
@@ -131,8 +130,9 @@ TEST_F(AppConfigTest, FullOrReadOnlyFileSystem) {
 }
 
 // A new account: HOME holds nothing, neither APPDATA nor XDG_CONFIG_HOME is set. Every folder
-// is made with its parents, and machine-wide folders come first in the plug-in search.
-TEST_F(AppConfigTest, EmptyHomeGetsEveryFolder) {
+// is made with its parents, machine-wide folders come first in the plug-in search, and the
+// built-in plug-in table is seeded in order; lookups match the exact file name.
+TEST_F(AppConfigTest, NewAccount) {
     unsetenv("APPDATA");
     unsetenv("XDG_CONFIG_HOME");
     vlm::test::TempDir home;
@@ -142,17 +142,9 @@ TEST_F(AppConfigTest, EmptyHomeGetsEveryFolder) {
     const std::string app = home.path() + "/.config/Corvane Technologies/velmor";
     for (const char* sub : {"/plugins", "/storage", "/pictures", "/logs", "/connections", "/debug"})
         EXPECT_TRUE(fs::is_directory(app + sub)) << sub;
-    EXPECT_TRUE(setMode(config, 2));
     const std::string base = common.path() + "/Corvane Technologies/Velmor";
     EXPECT_EQ(config.pluginFolders, (std::vector<fs::path>{base + "/Plugins", app + "/plugins"}));
     EXPECT_EQ(config.webAppFolder, base + "/webapp");  // kept although it does not exist
-}
-
-// The built-in plug-in table seeds a configuration without "plugins", in order; lookups match
-// the exact file name.
-TEST_F(AppConfigTest, PluginTable) {
-    vlm::AppConfig config;
-    config.load();
     std::string rows;
     for (const auto& plugin : (*config.document)["plugins"].GetArray())
         rows += plugin["name"].GetString() + std::string(plugin["enabled"].GetBool() ? "+ " : " ");
@@ -164,23 +156,7 @@ TEST_F(AppConfigTest, PluginTable) {
                  "Native generic proxy (converters, interfaces, cards, virtual devices and more");
     for (const char* other : {"PROXY_HALDEN.dll", "proxy_halden", "proxy_halden.dl"})
         EXPECT_EQ(vlm::findPluginEntry(config, other), nullptr) << other;
-}
-
-// The interface filter list: absent or empty means none ("0"); an element whose hardware_id
-// is missing or not a string is skipped, never read as "" (which matches a VPN tunnel).
-TEST(EngineHost, HardwareIdsFromTheConfiguration) {
-    using Ids = std::vector<std::string>;
-    const std::pair<std::string, Ids> cases[] = {
-        {"{}", {"0"}},
-        {"[]", {"0"}},
-        {R"([{"hardware_id": 7}])", {"0"}},
-        {R"([{"hardware_id": "AA:01"}, {"hardware_id": "0"}])", {"AA:01", "0"}},
-        {R"([3, {}, {"hardware_id": 7}, {"hardware_id": "AA:01"}])", {"AA:01"}}};
-    for (const auto& [list, ids] : cases) {
-        vlm::json::Document document;
-        vlm::json::parseString(document, (R"({"discovery": {"filtering": )" + list + "}}").c_str());
-        capturedOutput([&] { EXPECT_EQ(vlm::interfaceHardwareIdsFrom(&document), ids) << list; });
-    }
+    EXPECT_TRUE(setMode(config, 2));
 }
 
 }  // namespace

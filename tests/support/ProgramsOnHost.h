@@ -6,12 +6,9 @@
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <memory>
 #include <thread>
 
 #include "TestNet.h"
-#include "TestSupport.h"
 
 namespace vlm::test {
 

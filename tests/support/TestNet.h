@@ -3,8 +3,6 @@
 // namespace with its own /run, host name, dbus-daemon and avahi-daemon.
 
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "TestSupport.h"
 
@@ -19,7 +17,7 @@ namespace vlm::test {
 class TestNet {
 public:
     explicit TestNet(const std::vector<std::string>& hosts);
-    ~TestNet();
+    ~TestNet() { script({"down", name_}); }
     TestNet(const TestNet&) = delete;
     TestNet& operator=(const TestNet&) = delete;
 
@@ -27,11 +25,12 @@ public:
     const std::string& error() const { return error_; }
     const std::string& name() const { return name_; }
     std::string address(const std::string& host) const;
-
-    /// Runs a shell command line on host; its exit status (-1 when it could not run), with
+    /// Runs a shell command line on host: its exit status (-1 when it could not run), with
     /// standard output and error in *output when given.
     int run(const std::string& host, const std::string& command,
-            std::string* output = nullptr) const;
+            std::string* output = nullptr) const {
+        return script({"run", name_, host, "sh", "-c", command}, output);
+    }
     /// Starts a program on host; the Child ends it (SIGKILL) when destroyed.
     std::unique_ptr<Child> start(const std::string& host,
                                  const std::vector<std::string>& args) const;

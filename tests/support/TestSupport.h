@@ -5,7 +5,7 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <optional>
@@ -18,7 +18,7 @@ namespace vlm::test {
 class TempDir {
 public:
     TempDir();
-    ~TempDir();
+    ~TempDir() { std::filesystem::remove_all(path_, ignored_); }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
@@ -26,10 +26,11 @@ public:
 
 private:
     std::string path_;
+    std::error_code ignored_;
 };
 
 /// \brief A folder this thread cannot write to while it lives: mode 0555 and, for root, whom
-/// modes do not stop, the thread's right to override them dropped. Put back at the end of scope.
+/// modes do not stop, the thread's file-system user "nobody".
 class ReadOnlyFolder {
 public:
     explicit ReadOnlyFolder(const std::string& path);
@@ -37,51 +38,54 @@ public:
 
 private:
     std::string path_;
-    unsigned mode_;
-    std::uint32_t effective_;
+    std::filesystem::perms mode_;
 };
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
-bool exists(const std::string& path);
-
+inline bool exists(const std::string& path) {
+    return std::filesystem::exists(path);
+}
 /// Polls until done() holds; false when the time runs out first.
 bool eventually(const std::function<bool()>& done,
                 std::chrono::milliseconds timeout = std::chrono::seconds(15),
                 std::chrono::milliseconds step = std::chrono::milliseconds(10));
+/// The build tree's root, where VELMOR and the libraries are.
+inline std::string buildDir() {
+    return VELMOR_BUILD_DIR;
+}
+inline std::string velmorPath() {
+    return buildDir() + "/VELMOR";
+}
 
-/// Folder of the test binaries' build tree root (where VELMOR and the libraries are).
-std::string buildDir();
-std::string velmorPath();
-
-/// \brief A child process with its standard output and error going to files.
+/// \brief A child process with its standard output and error going to files, killed with it.
 class Child {
 public:
     /// Starts program with args; env entries are added to (or replace) the environment.
-    Child(const std::string& program, const std::vector<std::string>& args,
+    Child(const std::string& program, std::vector<std::string> args,
           const std::map<std::string, std::string>& env, const std::string& outputDir);
     ~Child();
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
-
     pid_t pid() const { return pid_; }
     /// Exit status, or -signal when killed; nullopt when still running after the timeout.
     std::optional<int> wait(std::chrono::milliseconds timeout);
     void kill(int signal);
-    std::string output() const { return readFile(stdoutPath_); }
-    std::string errors() const { return readFile(stderrPath_); }
-    bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const;
+    std::string output() const { return readFile(output_ + ".out"); }
+    std::string errors() const { return readFile(output_ + ".err"); }
+    bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const {
+        return eventually([&] { return output().find(text) != std::string::npos; }, timeout);
+    }
 
 private:
     pid_t pid_ = -1;
     std::optional<int> status_;
-    std::string stdoutPath_, stderrPath_;
+    std::string output_;
 };
 
-/// The configuration of a test's own session dbus-daemon listening at listen (a D-Bus address).
-/// It has no service folders: a name nobody owns fails at once instead of starting a program.
+/// The configuration of a test's own session dbus-daemon listening at listen (a D-Bus address),
+/// without service folders: a name nobody owns fails at once instead of starting a program.
 std::string sessionBusConfig(const std::string& listen);
-
 /// A TCP port on 127.0.0.1 that was free a moment ago.
 unsigned short freeLoopbackPort();
 
@@ -89,20 +93,17 @@ struct HttpResponse {
     int status = 0;  // 0 when no answer came
     std::string body;
 };
-
 /// One HTTP request; credentials as "user:password" or empty.
 HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
                            const std::string& target,
                            std::chrono::milliseconds timeout = std::chrono::seconds(2),
                            const std::string& body = {}, const std::string& credentials = {});
+/// Polls until a POST "/get" with the engine's credentials answers 200.
+bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout);
 
 /// What call() writes to standard output (printf included).
 std::string capturedOutput(const std::function<void()>& call);
-
 /// The text of a log without its colour sequences.
 std::string withoutColours(const std::string& text);
-
-/// Polls until a POST "/get" with the engine's credentials answers 200.
-bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout);
 
 }  // namespace vlm::test
