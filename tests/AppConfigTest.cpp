@@ -3,7 +3,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <cstring>
 #include <filesystem>
 #include <thread>
 
@@ -39,94 +38,81 @@ protected:
 };
 
 // What a file holds → what is read and said, what the file holds after a change (nullptr: the
-// change is refused, the file left as it is) and where a file that could not be used is kept.
-// A link (as dotfile managers keep it) stays a link with its target's mode; a FIFO never blocks.
+// change is refused and said once, the document and the file stay as they were) and where a
+// file that could not be used is kept. A link (as dotfile managers keep it) stays a link with its
+// target's mode; a FIFO never blocks. Full and read-only file systems are real ones: a small
+// tmpfs in a mount namespace of the thread's own, gone with it (root only).
 TEST_F(AppConfigTest, FilesReadChangedAndKept) {
     const std::string target = appData.file("dotfiles.json");
-    auto text = [](const char* content) { return [=](auto& f) { writeFile(f, content); }; };
+    auto text = [](const char* content) {
+        return [=](auto& f) { return writeFile(f, content), true; };
+    };
+    auto tmpfs = [&](unsigned long flags, const std::string& filler) {
+        const bool made = mount("velmor", folder.c_str(), "tmpfs", 0, "size=32k") == 0;
+        writeFile(file, R"({"mode": 2})");
+        writeFile(folder + "/filler", filler);
+        return made && mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | flags, nullptr) == 0;
+    };
     struct Case {
         const char* name;
-        std::function<void(const std::string&)> make;
+        std::function<bool(const std::string&)> make;  // false: the case cannot be made here
         const char *read, *said, *after, *kept;
     } cases[] = {
         // clang-format off
-        {"missing", [](auto&) {}, "", "", R"({"plugins":[{"name":"disco_bonjour.dll",)", nullptr},
+        {"missing", [](auto&) { return true; }, "", "", R"({"plugins":[{"name":"disco_bonjour.dll",)", nullptr},
         {"round trip", text(R"({ "mode" : 2, "r": 0.1, "plugins": [] })"), "2", "", R"({"mode":1,"r":0.1,"plugins":[]})", nullptr},
         {"wrong types", text(R"({"mode":"x","plugins":5})"), "other", "", R"({"mode":1,"plugins":5})", nullptr},
         {"not json", text("{ not json"), "", "does not hold a JSON object", R"("mode":1})", ".invalid"},
         {"not an object", text("[1]"), "", "does not hold a JSON object", R"({"mode":1})", ".invalid"},
-        {"kept before", [](auto& f) { writeFile(f + ".invalid", "{ one"); writeFile(f, "{ two"); }, "", "kept as", "\"mode\":1}", ".invalid.1"},
-        {"link", [&](auto& f) { writeFile(target, "{ one"); chmod(target.c_str(), 0600); fs::create_symlink(target, f); }, "", "kept as", "\"mode\":1}", ".invalid"},
-        {"folder", [](auto& f) { fs::create_directory(f); }, "", "cannot be read (not a regular file)", nullptr, nullptr},
-        {"fifo", [](auto& f) { mkfifo(f.c_str(), 0600); }, "", "cannot be read (not a regular file)", nullptr, nullptr},
+        {"kept before", [](auto& f) { writeFile(f + ".invalid", "{ one"); return writeFile(f, "{ two"), true; }, "", "kept as", "\"mode\":1}", ".invalid.1"},
+        {"link", [&](auto& f) { writeFile(target, "{ one"); chmod(target.c_str(), 0600); fs::create_symlink(target, f); return true; }, "", "kept as", "\"mode\":1}", ".invalid"},
+        {"folder", [](auto& f) { return fs::create_directory(f); }, "", "cannot be read (not a regular file)", nullptr, nullptr},
+        {"fifo", [](auto& f) { return mkfifo(f.c_str(), 0600) == 0; }, "", "cannot be read (not a regular file)", nullptr, nullptr},
+        {"full", [&](auto&) { return tmpfs(0, std::string(32768, ' ')); }, "2", "No space left on device", nullptr, nullptr},
+        {"read-only", [&](auto&) { return tmpfs(MS_RDONLY, ""); }, "2", "Read-only file system", nullptr, nullptr},
         // clang-format on
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        fs::remove_all(appData.path());
-        fs::create_directories(folder);
-        c.make(file);
-        const std::string before = fs::is_regular_file(file) ? readFile(file) : "";
-        const auto status = fs::status(file);
-        const bool link = fs::is_symlink(file);
-        vlm::AppConfig config;
-        bool saved = false;
-        const std::string out = capturedOutput([&] {
-            config.load();
-            EXPECT_EQ(modeOf(config), c.read);
-            saved = setMode(config, 1);
-        });
-        EXPECT_EQ(out.empty(), !*c.said) << out;
-        EXPECT_NE(out.find(c.said), std::string::npos) << out;
-        EXPECT_EQ(saved, c.after != nullptr) << out;
-        EXPECT_EQ(fs::is_symlink(file), link);
-        if (!c.after) {
-            EXPECT_EQ(fs::status(file).type(), status.type());
-            EXPECT_NE(out.find("Cannot write " + file + ": not a regular file"), std::string::npos);
-            continue;
-        }
-        EXPECT_NE(readFile(file).find(c.after), std::string::npos) << readFile(file);
-        EXPECT_EQ(c.kept ? readFile(file + c.kept) : before, before);
-        EXPECT_EQ(fs::exists(file + ".invalid"), c.kept != nullptr);
-        EXPECT_TRUE(!fs::exists(status) || fs::status(file).permissions() == status.permissions());
-        EXPECT_FALSE(fs::exists(file + ".tmp") || fs::exists(target + ".tmp"));
-    }
-}
-
-// A full or a read-only file system (a small tmpfs in a mount namespace of the thread's own,
-// gone with it): the change is refused and said once, the document and the file stay as they
-// were, and the change goes through once the file system takes it again.
-TEST_F(AppConfigTest, FullOrReadOnlyFileSystem) {
-    const std::string text = R"({"mode": 2, "plugins": []})";
-    for (const bool full : {true, false}) {
-        std::thread([&] {
-            SCOPED_TRACE(full ? "full" : "read-only");
+    std::thread([&] {
+        if (unshare(CLONE_NEWNS) == 0)
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.name);
+            umount2(folder.c_str(), MNT_DETACH);
+            fs::remove_all(appData.path());
             fs::create_directories(folder);
-            ASSERT_TRUE(unshare(CLONE_NEWNS) == 0 &&
-                        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                        mount("velmor", folder.c_str(), "tmpfs", 0, "size=32k") == 0)
-                << "needs root: " << std::strerror(errno);
-            writeFile(file, text);
+            if (!c.make(file))
+                continue;
+            const std::string before = fs::is_regular_file(file) ? readFile(file) : "";
+            const auto status = fs::status(file);
+            const bool link = fs::is_symlink(file);
             vlm::AppConfig config;
-            config.load();
-            const auto remount = [&](unsigned long flags) {
-                return mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | flags, "size=32k");
-            };
-            if (full)
-                writeFile(folder + "/filler", std::string(32 * 1024, ' '));
-            else
-                ASSERT_EQ(remount(MS_RDONLY), 0);
-            const std::string out = capturedOutput([&] { EXPECT_FALSE(setMode(config, 1)); });
-            EXPECT_NE(out.find("Cannot write " + file), std::string::npos) << out;
-            EXPECT_EQ(out.find("Cannot write"), out.rfind("Cannot write")) << out;
-            EXPECT_EQ(modeOf(config), "2");
-            EXPECT_EQ(readFile(file), text);
-            EXPECT_FALSE(fs::exists(file + ".tmp"));
-            ASSERT_EQ(full ? !fs::remove(folder + "/filler") : remount(0), 0);
-            EXPECT_TRUE(setMode(config, 1));
-            EXPECT_EQ(readFile(file), R"({"mode":1,"plugins":[]})");
-        }).join();
-    }
+            bool saved = false;
+            const std::string out = capturedOutput([&] {
+                config.load();
+                EXPECT_EQ(modeOf(config), c.read);
+                saved = setMode(config, 1);
+            });
+            EXPECT_EQ(out.empty(), !*c.said) << out;
+            EXPECT_NE(out.find(c.said), std::string::npos) << out;
+            EXPECT_EQ(saved, c.after != nullptr) << out;
+            EXPECT_EQ(fs::is_symlink(file), link);
+            const auto now = fs::status(file);
+            EXPECT_TRUE(!fs::exists(status) ||
+                        (now.type() == status.type() && now.permissions() == status.permissions()));
+            EXPECT_FALSE(fs::exists(file + ".tmp") || fs::exists(target + ".tmp"));
+            if (!c.after) {
+                EXPECT_EQ(fs::is_regular_file(file) ? readFile(file) : "", before);
+                EXPECT_EQ(modeOf(config), c.read);
+                EXPECT_NE(out.find("Cannot write " + file + ":"), std::string::npos) << out;
+                EXPECT_EQ(out.find("Cannot write"), out.rfind("Cannot write")) << out;
+                continue;
+            }
+            EXPECT_NE(readFile(file).find(c.after), std::string::npos) << readFile(file);
+            EXPECT_EQ(c.kept ? readFile(file + c.kept) : before, before);
+            EXPECT_EQ(fs::exists(file + ".invalid"), c.kept != nullptr);
+        }
+        umount2(folder.c_str(), MNT_DETACH);
+    }).join();
 }
 
 // A new account: HOME holds nothing, neither APPDATA nor XDG_CONFIG_HOME is set. Every folder

@@ -5,23 +5,21 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <mutex>
 
 #include "Agent/Agent.h"
 #include "AppConfig.h"
 #include "Log.h"
-#include "ProgramsOnHost.h"
+#include "TestSupport.h"
 
 namespace vlm::test {
 
-/// \brief Lines in arrival order, from any thread, with a wait for one of them.
+/// \brief Lines in arrival order, from any thread.
 class Recorder {
 public:
     void record(const std::string& line) {
         std::lock_guard<std::mutex> lock(mutex_);
         lines_.push_back(line);
-        changed_.notify_all();
     }
     std::vector<std::string> lines() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -31,16 +29,9 @@ public:
         const auto all = lines();
         return static_cast<int>(std::count(all.begin(), all.end(), line));
     }
-    bool waitFor(const std::string& line, std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] {
-            return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
-        });
-    }
 
 private:
     std::mutex mutex_;
-    std::condition_variable changed_;
     std::vector<std::string> lines_;
 };
 

@@ -33,21 +33,17 @@ struct ProgramFolders {
 class ProgramOnHost {
 public:
     ProgramOnHost(const TestNet& net, const std::string& host, int port, int mode) {
-        std::string role;
-        if (mode < 0) {
-            parent_ =
-                std::make_unique<Child>("/bin/sleep", std::vector<std::string>{"600"},
-                                        std::map<std::string, std::string>{}, folders_.dir.path());
-            role = " --server 1 --apid " + std::to_string(parent_->pid()) +
-                   (mode == -2 ? " --master 1" : "");
-        } else {
-            const std::string config = folders_.dir.file("appdata/Corvane Technologies/velmor");
-            std::filesystem::create_directories(config);
-            writeFile(config + "/config.json", "{\"mode\": " + std::to_string(mode) + "}");
-        }
-        process_ = net.start(
-            host, {"sh", "-c",
-                   "exec " + folders_.environment(port) + " " + shellQuote(velmorPath()) + role});
+        const std::string config = folders_.dir.file("appdata/Corvane Technologies/velmor");
+        std::filesystem::create_directories(config);
+        writeFile(config + "/config.json", "{\"mode\": " + std::to_string(mode) + "}");
+        parent_ =
+            std::make_unique<Child>("/bin/sleep", std::vector<std::string>{"600"},
+                                    std::map<std::string, std::string>{}, folders_.dir.path());
+        const std::string role = " --server 1 --apid " + std::to_string(parent_->pid()) +
+                                 (mode == -2 ? " --master 1" : "");
+        process_ = net.start(host, {"sh", "-c",
+                                    "exec " + folders_.environment(port) + " " +
+                                        shellQuote(velmorPath()) + (mode < 0 ? role : "")});
     }
     std::string log() const { return withoutColours(process_->output()); }
     std::string errors() const { return process_->errors(); }

@@ -2,11 +2,22 @@
 // Test hosts for network tests, made by tools/testnet/testnet.sh: each host is a network
 // namespace with its own /run, host name, dbus-daemon and avahi-daemon.
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <memory>
 
 #include "TestSupport.h"
 
 namespace vlm::test {
+
+/// Quotes text for a POSIX shell.
+inline std::string shellQuote(const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text)
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
 
 /// \brief A network of test hosts (network namespaces joined by veth pairs), removed with it.
 ///
@@ -16,34 +27,54 @@ namespace vlm::test {
 /// error(), so that a machine without root or namespaces fails it with the reason.
 class TestNet {
 public:
-    explicit TestNet(const std::vector<std::string>& hosts);
+    // The process id keeps networks of tests running side by side apart; leftovers of crashed
+    // tests, and of one that had this process's id, go first.
+    explicit TestNet(const std::vector<std::string>& hosts)
+        : hosts_(hosts), name_("n" + std::to_string(getpid())) {
+        script({"prune"});
+        script({"down", name_});
+        std::vector<std::string> up{"up", name_};
+        up.insert(up.end(), hosts.begin(), hosts.end());
+        if (script(up, &error_) != 0)
+            error_ = "could not make the test hosts (root, namespaces): " + error_;
+        else
+            error_.clear();
+    }
     ~TestNet() { script({"down", name_}); }
-    TestNet(const TestNet&) = delete;
-    TestNet& operator=(const TestNet&) = delete;
 
     bool ok() const { return error_.empty(); }
     const std::string& error() const { return error_; }
     const std::string& name() const { return name_; }
-    std::string address(const std::string& host) const;
+    std::string address(const std::string& host) const {
+        auto index = std::find(hosts_.begin(), hosts_.end(), host) - hosts_.begin();
+        return "10.77.0." + std::to_string(index + 1);
+    }
     /// Runs a shell command line on host: its exit status (-1 when it could not run), with
     /// standard output and error in *output when given.
     int run(const std::string& host, const std::string& command,
             std::string* output = nullptr) const {
         return script({"run", name_, host, "sh", "-c", command}, output);
     }
-    /// Starts a program on host; the Child ends it (SIGKILL) when destroyed.
-    std::unique_ptr<Child> start(const std::string& host,
-                                 const std::vector<std::string>& args) const;
+    /// Starts a program on host (the script hands its process over, so the Child's pid is the
+    /// program's); the Child ends it (SIGKILL) when destroyed.
+    std::unique_ptr<Child> start(const std::string& host, std::vector<std::string> args) const {
+        args.insert(args.begin(), {"run", name_, host});
+        return std::make_unique<Child>(VELMOR_TESTNET_SCRIPT, args,
+                                       std::map<std::string, std::string>{}, outputs_.path());
+    }
 
 private:
-    int script(const std::vector<std::string>& args, std::string* output = nullptr) const;
+    int script(const std::vector<std::string>& args, std::string* output = nullptr) const {
+        Child child(VELMOR_TESTNET_SCRIPT, args, {}, outputs_.path());
+        const int status = child.wait(std::chrono::minutes(5)).value_or(-1);
+        if (output)
+            *output = child.output() + child.errors();
+        return std::max(status, -1);
+    }
 
     std::vector<std::string> hosts_;
     std::string name_, error_;
     TempDir outputs_;
 };
-
-/// Quotes text for a POSIX shell.
-std::string shellQuote(const std::string& text);
 
 }  // namespace vlm::test

@@ -78,9 +78,9 @@ Child::Child(const std::string& program, std::vector<std::string> args,
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-    for (int fd : {1, 2})
-        posix_spawn_file_actions_addopen(
-            &files, fd, (output_ + (fd == 1 ? ".out" : ".err")).c_str(), O_WRONLY | O_CREAT, 0644);
+    const std::string out = output_ + ".out", err = output_ + ".err";
+    posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT, 0644);
+    posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT, 0644);
     if (posix_spawn(&pid_, program.c_str(), &files, nullptr, pointers(args).data(),
                     pointers(envp).data()) != 0)
         status_ = 127;

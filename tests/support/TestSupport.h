@@ -19,8 +19,6 @@ class TempDir {
 public:
     TempDir();
     ~TempDir() { std::filesystem::remove_all(path_, ignored_); }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
@@ -65,8 +63,6 @@ public:
     Child(const std::string& program, std::vector<std::string> args,
           const std::map<std::string, std::string>& env, const std::string& outputDir);
     ~Child();
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
     pid_t pid() const { return pid_; }
     /// Exit status, or -signal when killed; nullopt when still running after the timeout.
     std::optional<int> wait(std::chrono::milliseconds timeout);
