@@ -1,22 +1,21 @@
 #include "TestSupport.h"
 
-#include <curl/curl.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/fsuid.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/process/args.hpp>
+#include <boost/process/env.hpp>
+#include <boost/process/exe.hpp>
+#include <boost/process/io.hpp>
 #include <cstring>
 #include <fstream>
 #include <regex>
 #include <sstream>
 #include <thread>
-
-extern char** environ;
 
 namespace vlm::test {
 
@@ -61,47 +60,25 @@ Child::Child(const std::string& program, std::vector<std::string> args,
              const std::map<std::string, std::string>& env, const std::string& outputDir) {
     static std::atomic<int> serial{0};
     output_ = outputDir + "/child-" + std::to_string(++serial);
-    std::vector<std::string> envp;
-    for (char** entry = environ; *entry; ++entry)
-        if (!env.count(std::string(*entry, std::strcspn(*entry, "="))))
-            envp.push_back(*entry);
+    boost::process::environment environment = boost::this_process::environment();  // a copy
     for (const auto& [key, value] : env)
-        envp.push_back(key + "=" + value);
-    args.insert(args.begin(), program);
-    auto pointers = [](std::vector<std::string>& texts) {
-        std::vector<char*> list;
-        for (std::string& text : texts)
-            list.push_back(text.data());
-        list.push_back(nullptr);
-        return list;
-    };
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-    const std::string out = output_ + ".out", err = output_ + ".err";
-    posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT, 0644);
-    posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT, 0644);
-    if (posix_spawn(&pid_, program.c_str(), &files, nullptr, pointers(args).data(),
-                    pointers(envp).data()) != 0)
-        status_ = 127;
-    posix_spawn_file_actions_destroy(&files);
-}
-
-Child::~Child() {
-    kill(SIGKILL);
-    wait(std::chrono::seconds(5));
+        environment[key] = value;
+    namespace bp = boost::process;
+    child_ = bp::child(bp::exe = program, bp::args = args, environment,
+                       bp::std_in<"/dev/null", bp::std_out> output_ + ".out",
+                       bp::std_err > output_ + ".err");
 }
 
 std::optional<int> Child::wait(std::chrono::milliseconds timeout) {
-    int status = 0;
-    if (!status_ && eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeout))
-        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    return status_;
+    if (!eventually([&] { return !child_.running(); }, timeout))
+        return std::nullopt;
+    const int status = child_.native_exit_code();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 void Child::kill(int signal) {
-    if (!status_)
-        ::kill(pid_, signal);
+    if (child_.running())
+        ::kill(child_.id(), signal);
 }
 
 std::string sessionBusConfig(const std::string& listen) {
@@ -117,40 +94,16 @@ unsigned short freeLoopbackPort() {
     return tcp::acceptor(io, {boost::asio::ip::address_v4::loopback(), 0}).local_endpoint().port();
 }
 
-HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
-                           const std::string& target, std::chrono::milliseconds timeout,
-                           const std::string& body, const std::string& credentials) {
-    HttpResponse response;
-    std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
-    const std::string url = "http://" + host + ":" + std::to_string(port) + target;
-    curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
-    curl_easy_setopt(curl.get(), CURLOPT_PATH_AS_IS, 1L);
-    curl_easy_setopt(curl.get(), CURLOPT_NOPROXY, "*");
-    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
-    auto collect = +[](char* data, size_t, size_t size, void* to) {
-        static_cast<std::string*>(to)->append(data, size);
-        return size;
-    };
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, collect);
-    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &response.body);
-    if (method == "POST")
-        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, body.c_str());
-    if (!credentials.empty())
-        curl_easy_setopt(curl.get(), CURLOPT_USERPWD, credentials.c_str());
-    long status = 0;
-    if (curl_easy_perform(curl.get()) == CURLE_OK &&
-        curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status) == CURLE_OK)
-        response.status = static_cast<int>(status);
-    return response;
-}
-
 bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout) {
+    const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/get";
+    TempDir outputs;
     return eventually(
         [&] {
-            return httpRequestTo("127.0.0.1", port, "POST", "/get", std::chrono::milliseconds(500),
-                                 R"({"Path": "$"})", "anon:anon")
-                       .status == 200;
+            Child curl("/usr/bin/curl",
+                       {"-s", "-m1", "-u", "anon:anon", "-d", R"({"Path": "$"})", "-o/dev/null",
+                        "-w%{http_code}", url},
+                       {}, outputs.path());
+            return curl.wait(std::chrono::seconds(2)) && curl.output() == "200";
         },
         timeout);
 }

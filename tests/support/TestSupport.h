@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <boost/process/child.hpp>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -62,8 +63,7 @@ public:
     /// Starts program with args; env entries are added to (or replace) the environment.
     Child(const std::string& program, std::vector<std::string> args,
           const std::map<std::string, std::string>& env, const std::string& outputDir);
-    ~Child();
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return child_.id(); }
     /// Exit status, or -signal when killed; nullopt when still running after the timeout.
     std::optional<int> wait(std::chrono::milliseconds timeout);
     void kill(int signal);
@@ -74,9 +74,8 @@ public:
     }
 
 private:
-    pid_t pid_ = -1;
-    std::optional<int> status_;
     std::string output_;
+    boost::process::child child_;
 };
 
 /// The configuration of a test's own session dbus-daemon listening at listen (a D-Bus address),
@@ -85,15 +84,6 @@ std::string sessionBusConfig(const std::string& listen);
 /// A TCP port on 127.0.0.1 that was free a moment ago.
 unsigned short freeLoopbackPort();
 
-struct HttpResponse {
-    int status = 0;  // 0 when no answer came
-    std::string body;
-};
-/// One HTTP request; credentials as "user:password" or empty.
-HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
-                           const std::string& target,
-                           std::chrono::milliseconds timeout = std::chrono::seconds(2),
-                           const std::string& body = {}, const std::string& credentials = {});
 /// Polls until a POST "/get" with the engine's credentials answers 200.
 bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout);
 
