@@ -10,10 +10,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// With a VPN tunnel up, the engine server listens only on the first IPv4 address of the
-// interface whose hardware address is named exactly (an element without a string hardware_id,
-// one in other letter case, a down interface name nothing); "/set_interface_filters" moves it
-// before it answers.
+// With a VPN tunnel up, the engine listens only on the first IPv4 address of the interface named
+// exactly (a missing or non-string hardware_id, another letter case, a down interface: nothing);
+// "/set_interface_filters" moves it before it answers.
 TEST(EngineHostNetns, ListensOnTheFilteredAddressOnly) {
     const std::string net = "velmor-eh-" + std::to_string(getpid());
     // d0: two IPv4 addresses; d5: another hardware address; d9: down; t0: no hardware address.

@@ -1,5 +1,4 @@
-// The executable's three roles as whole processes, in temporary folders, and the agent's
-// single-instance guard.
+// The executable's roles as whole processes, and the agent's single-instance guard.
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -49,20 +48,17 @@ protected:
     vlm::test::TempDir appData, runtime, outputs, temp;
     const std::string appFolder = appData.path() + "/Corvane Technologies/velmor";
     // No DNS-SD here: the machine's own network must not see test engines.
+    // clang-format off
     std::map<std::string, std::string> env = {
-        {"APPDATA", appData.path()},
-        {"VELMOR_COMMON_APPDATA", appData.path()},
-        {"XDG_RUNTIME_DIR", runtime.path()},
-        {"TMPDIR", temp.path()},
-        {"QT_QPA_PLATFORM", "offscreen"},
-        {"VELMOR_DNSSD_LIBRARY", "/nonexistent"},
-        {"VELMOR_ENGINE_PORT", std::to_string(vlm::test::freeLoopbackPort())}};
+        {"APPDATA", appData.path()}, {"VELMOR_COMMON_APPDATA", appData.path()},
+        {"XDG_RUNTIME_DIR", runtime.path()}, {"TMPDIR", temp.path()}, {"QT_QPA_PLATFORM", "offscreen"},
+        {"VELMOR_DNSSD_LIBRARY", "/nonexistent"}, {"VELMOR_ENGINE_PORT", std::to_string(vlm::test::freeLoopbackPort())}};
+    // clang-format on
 };
 
-// Each role runs on a configuration file it cannot use and leaves it as it was: the engine
-// server while its parent lives (a zombie parent has ended; a port in use ends it with 0), the
-// agent up to its banner. Parser errors end with 1 before any role; values that are not role
-// numbers take the agent road ("server" set means "serverd" is never read).
+// Each role runs on a file it cannot use, left as it was: the engine server while its parent
+// lives (a zombie has ended; a port in use ends it with 0), the agent; parser errors end with 1,
+// values that are not role numbers take the agent road ("serverd" is not read after "server").
 TEST_F(Roles, EveryRoleRunsOnABrokenFile) {
     const std::string broken = "\xff\xfe{\"mode\": 4,";
     vlm::test::writeFile(appFolder + "/config.json", broken);
@@ -90,9 +86,8 @@ TEST_F(Roles, EveryRoleRunsOnABrokenFile) {
     EXPECT_EQ(vlm::test::readFile(appFolder + "/config.json"), broken);
 }
 
-// Where the guard's folder is not private to the user, the agent runs without the hand-over and
-// says so once; a socket of another user found there is never used (nor ours by an agent of
-// nobody), one left by a crashed agent never disables the guard.
+// A guard folder not private to the user: no hand-over, said once; another user's socket is
+// never used (nor ours by nobody's agent); one left by a crashed agent does not stop the guard.
 TEST_F(Roles, SingleInstanceFolderIsPrivate) {
     vlm::test::writeFile(appFolder + "/config.json", R"({"mode": null})");  // no engine child
     chmod(outputs.path().c_str(), 0777);
@@ -104,7 +99,7 @@ TEST_F(Roles, SingleInstanceFolderIsPrivate) {
     };
     struct Case {
         const char* name;
-        std::function<int()> make;  // a stranger's listening socket, or -1
+        std::function<int()> make;  // a socket of root's listening there, or -1
         const char* user;
         bool handOver;
     } cases[] = {
@@ -132,17 +127,11 @@ TEST_F(Roles, SingleInstanceFolderIsPrivate) {
             close(unixSocket(folder(65534) + "/velmor_agent_singleton", true));
             EXPECT_FALSE(first->waitForOutput(kShown, 300ms));
         }
-        // A second agent hands over: it leaves silently with 0 about a second later.
-        const auto started = std::chrono::steady_clock::now();
+        // A second agent hands over (it leaves silently with 0), or runs as well.
         auto second = start({}, c.user);
         EXPECT_TRUE(c.handOver ? second->wait(10s) == 0 : second->waitForOutput(kBanner, 10s));
-        EXPECT_TRUE(!c.handOver || std::chrono::steady_clock::now() - started >= 1s);
         EXPECT_EQ(second->output().empty(), c.handOver);
         EXPECT_EQ(first->waitForOutput(kShown, c.handOver ? 5s : 0s), c.handOver);
-        const int peer = strange < 0 ? -1 : accept(strange, nullptr, nullptr);
-        char byte;  // it may connect to learn whose the socket is, but sends nothing
-        EXPECT_TRUE(peer < 0 || recv(peer, &byte, 1, MSG_DONTWAIT) <= 0) << "it was sent bytes";
-        close(peer);
         close(strange);
         chown(runtime.path().c_str(), 0, 0);
     }

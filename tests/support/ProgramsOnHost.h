@@ -1,6 +1,5 @@
 #pragma once
-// The program's engine-server role and its agent role on test hosts, each with folders of its
-// own. Shared by the network tests.
+// The program's roles on test hosts, each with folders of its own.
 
 #include <sys/stat.h>
 
@@ -36,9 +35,7 @@ public:
         const std::string config = folders_.dir.file("appdata/Corvane Technologies/velmor");
         std::filesystem::create_directories(config);
         writeFile(config + "/config.json", "{\"mode\": " + std::to_string(mode) + "}");
-        parent_ =
-            std::make_unique<Child>("/bin/sleep", std::vector<std::string>{"600"},
-                                    std::map<std::string, std::string>{}, folders_.dir.path());
+        parent_.reset(new Child("/bin/sleep", {"600"}, {}, folders_.dir.path()));
         const std::string role = " --server 1 --apid " + std::to_string(parent_->pid()) +
                                  (mode == -2 ? " --master 1" : "");
         process_ = net.start(host, {"sh", "-c",

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <regex>
 
 #include "TestSupport.h"
 
@@ -13,17 +14,11 @@ namespace vlm::test {
 
 /// Quotes text for a POSIX shell.
 inline std::string shellQuote(const std::string& text) {
-    std::string quoted = "'";
-    for (char c : text)
-        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
+    return "'" + std::regex_replace(text, std::regex("'"), "'\\''") + "'";
 }
 
-/// \brief A network of test hosts (network namespaces joined by veth pairs), removed with it.
-///
-/// Hosts are named by the caller ("a", "b"...: lower-case letters and digits); the i-th host
-/// (from 0) has the IPv4 address 10.77.0.(i+1)/24 on its only interface, "eth0", and answers
-/// to "<name>.local" over multicast DNS. A test that needs the network asserts ok() and shows
+/// \brief Test hosts named by the caller ("a", "b"...), removed with it: the i-th (from 0) has
+/// 10.77.0.(i+1)/24 on "eth0" and answers to "<name>.local". A test asserts ok() and shows
 /// error(), so that a machine without root or namespaces fails it with the reason.
 class TestNet {
 public:
@@ -35,16 +30,13 @@ public:
         script({"down", name_});
         std::vector<std::string> up{"up", name_};
         up.insert(up.end(), hosts.begin(), hosts.end());
-        if (script(up, &error_) != 0)
-            error_ = "could not make the test hosts (root, namespaces): " + error_;
-        else
-            error_.clear();
+        error_ = script(up, &error_) ? "could not make the test hosts (root, namespaces): " + error_
+                                     : std::string();
     }
     ~TestNet() { script({"down", name_}); }
 
     bool ok() const { return error_.empty(); }
     const std::string& error() const { return error_; }
-    const std::string& name() const { return name_; }
     std::string address(const std::string& host) const {
         auto index = std::find(hosts_.begin(), hosts_.end(), host) - hosts_.begin();
         return "10.77.0." + std::to_string(index + 1);

@@ -1,46 +1,19 @@
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
-#include <sys/fsuid.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/process/args.hpp>
-#include <boost/process/env.hpp>
-#include <boost/process/exe.hpp>
-#include <boost/process/io.hpp>
-#include <cstring>
+#include <boost/process.hpp>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 namespace vlm::test {
 
-namespace fs = std::filesystem;
-
-TempDir::TempDir() : path_((fs::temp_directory_path() / "velmor-test-XXXXXX").string()) {
-    if (!mkdtemp(path_.data()))
-        throw std::runtime_error("mkdtemp failed");
-}
-
-ReadOnlyFolder::ReadOnlyFolder(const std::string& path)
-    : path_(path), mode_(fs::status(path).permissions()) {
-    fs::permissions(path, fs::perms(0555));
-    setfsuid(65534);  // this thread only; refused, and not needed, without root
-}
-
-ReadOnlyFolder::~ReadOnlyFolder() {
-    setfsuid(getuid());
-    fs::permissions(path_, mode_);
-}
-
 std::string readFile(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {}};
 }
 
 void writeFile(const std::string& path, const std::string& content) {

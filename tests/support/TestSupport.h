@@ -1,8 +1,9 @@
 #pragma once
 // Helpers shared by the tests: temporary folders, child processes of the real executable,
-// free loopback ports and a small HTTP client.
+// free loopback ports.
 
-#include <sys/types.h>
+#include <sys/fsuid.h>
+#include <unistd.h>
 
 #include <boost/process/child.hpp>
 #include <chrono>
@@ -18,7 +19,9 @@ namespace vlm::test {
 /// \brief A fresh folder under the system's temporary folder, removed with its content.
 class TempDir {
 public:
-    TempDir();
+    TempDir()
+        : path_(mkdtemp(
+              (std::filesystem::temp_directory_path() / "velmor-test-XXXXXX").string().data())) {}
     ~TempDir() { std::filesystem::remove_all(path_, ignored_); }
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
@@ -29,11 +32,15 @@ private:
 };
 
 /// \brief A folder this thread cannot write to while it lives: mode 0555 and, for root, whom
-/// modes do not stop, the thread's file-system user "nobody".
+/// modes do not stop, the thread's file-system user "nobody" (refused, and not needed, otherwise).
 class ReadOnlyFolder {
 public:
-    explicit ReadOnlyFolder(const std::string& path);
-    ~ReadOnlyFolder();
+    explicit ReadOnlyFolder(const std::string& path)
+        : path_(path), mode_(std::filesystem::status(path).permissions()) {
+        std::filesystem::permissions(path, std::filesystem::perms(0555));
+        setfsuid(65534);
+    }
+    ~ReadOnlyFolder() { setfsuid(getuid()), std::filesystem::permissions(path_, mode_); }
 
 private:
     std::string path_;
