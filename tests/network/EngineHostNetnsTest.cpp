@@ -45,29 +45,29 @@ END)")
     vlm::test::writeFile(data + "/Corvane Technologies/velmor/config.json",
                          R"({"discovery": {"filtering": [{"hardware_id": "02:00:00:00:00:0A"}, {},
         {"hardware_id": 7}, {"hardware_id": "02:00:00:00:00:0b"}, {"hardware_id": "02:00:00:00:00:09"}]}})");
-    vlm::test::Child server("/usr/sbin/ip",
-                            {"netns", "exec", net, vlm::test::velmorPath(), "--serverd", "1"},
-                            {{"APPDATA", data},
-                             {"VELMOR_COMMON_APPDATA", data},
-                             {"QT_QPA_PLATFORM", "offscreen"},
-                             {"VELMOR_ENGINE_PORT", "18080"},
-                             {"VELMOR_DNSSD_LIBRARY", "/nonexistent"}},
-                            data);
-    // What a command run in the namespace prints.
-    auto inside = [&](const std::string& command) {
-        vlm::test::Child child("/usr/sbin/ip", {"netns", "exec", net, "sh", "-c", command}, {},
-                               data);
-        child.wait(5s);
-        return child.output();
+    auto inside = [&](const std::string& command) {  // a shell command line in the namespace
+        return std::make_unique<vlm::test::Child>(
+            "/usr/sbin/ip", std::vector<std::string>{"netns", "exec", net, "sh", "-c", command},
+            std::map<std::string, std::string>{}, data);
+    };
+    auto server = inside("APPDATA=" + data + " VELMOR_COMMON_APPDATA=" + data +
+                         " VELMOR_ENGINE_PORT=18080 VELMOR_DNSSD_LIBRARY=/nonexistent "
+                         "QT_QPA_PLATFORM=offscreen exec " +
+                         vlm::test::velmorPath() + " --serverd 1");
+    auto printed = [&](const std::string& command) {
+        auto child = inside(command);
+        child->wait(5s);
+        return child->output();
     };
     const std::string listening = "ss -Hltn 'sport = 18080' | awk '{print $4}'";
-    EXPECT_TRUE(vlm::test::eventually([&] { return !inside(listening).empty(); }, 10s));
-    EXPECT_EQ(inside(listening), "10.213.1.1:18080\n") << server.output();
-    EXPECT_EQ(inside("curl -s -u anon:anon -o /dev/null -w '%{http_code}' -d '[{\"Ip\": "
-                     "\"10.213.5.1\", \"Mask\": \"255.255.255.0\"}]' "
-                     "http://10.213.1.1:18080/set_interface_filters"),
+    EXPECT_TRUE(
+        vlm::test::eventually([&] { return printed(listening) == "10.213.1.1:18080\n"; }, 10s))
+        << printed(listening) << server->output();
+    EXPECT_EQ(printed("curl -s -u anon:anon -o /dev/null -w '%{http_code}' -d '[{\"Ip\": "
+                      "\"10.213.5.1\", \"Mask\": \"255.255.255.0\"}]' "
+                      "http://10.213.1.1:18080/set_interface_filters"),
               "200");
-    EXPECT_EQ(inside(listening), "10.213.5.1:18080\n");
+    EXPECT_EQ(printed(listening), "10.213.5.1:18080\n");
 }
 
 }  // namespace

@@ -70,11 +70,10 @@ TEST_F(Roles, EveryRoleRunsOnABrokenFile) {
     parent.kill(SIGKILL);
     parent.wait(5s);
     EXPECT_EQ(server->wait(12s), 0) << server->output();
-    const pid_t zombie = fork();
-    if (zombie == 0)
-        _exit(0);
-    EXPECT_EQ(start({"--server=1", "--apid=" + std::to_string(zombie)})->wait(8s), 0);
-    waitpid(zombie, nullptr, 0);  // reaped only once the role has ended
+    Child zombie("/bin/true", {}, {}, outputs.path());  // ended, reaped only after the role
+    siginfo_t ended;
+    waitid(P_PID, zombie.pid(), &ended, WEXITED | WNOWAIT);
+    EXPECT_EQ(start({"--server=1", "--apid=" + std::to_string(zombie.pid())})->wait(8s), 0);
     for (const auto& args : std::vector<std::vector<std::string>>{
              {}, {"--server", "0", "--serverd", "1"}, {"--serverd", "yes"}}) {
         auto agent = start(args);

@@ -1,6 +1,5 @@
 #pragma once
-// An agent on a configuration in a temporary folder, with fast waits, its log and listener
-// calls collected as text.
+// An agent on a temporary configuration with fast waits; its log and listener calls as text.
 
 #include <gtest/gtest.h>
 
@@ -40,8 +39,8 @@ class LogCapture : public Recorder {
 public:
     LogCapture() {
         instance_ = this;
-        logHook = [](std::uint32_t, const char*, int, const char* line) {
-            instance_->record(line);
+        logHook = [](std::uint32_t, const char*, int, const char* text) {
+            instance_->record(text);
         };
     }
     ~LogCapture() { logHook = nullptr; }
@@ -50,8 +49,7 @@ private:
     static inline LogCapture* instance_ = nullptr;
 };
 
-/// \brief Every listener call, as "attached <server>", "engine died"..., also into another
-/// recorder when given (to keep them in order with log lines).
+/// \brief Listener calls ("attached <server>"...), also into another recorder when given.
 class RecordingListener : public Agent::Listener, public Recorder {
 public:
     void onAttached(const std::string& server) override { note("attached " + server); }

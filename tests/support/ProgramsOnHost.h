@@ -27,8 +27,8 @@ struct ProgramFolders {
     }
 };
 
-/// \brief The program on a test host: the engine-server role (a sleeper of the test as its
-/// parent; mode -2 for a master), or with mode >= 0 the agent role with that configured mode.
+/// \brief The program on a test host: the agent role with mode >= 0 configured, else the engine
+/// server (mode -2 a master) whose parent is a sleeper of the test.
 class ProgramOnHost {
 public:
     ProgramOnHost(const TestNet& net, const std::string& host, int port, int mode) {
@@ -48,8 +48,7 @@ public:
         return eventually([&] { return log().find(line) != std::string::npos; }, timeout);
     }
     bool announced() const { return logHas("Engine: DNS-SD registered", std::chrono::seconds(15)); }
-    /// Ends the agent as a logout does (SIGTERM), once its splash has closed (a Master agent's
-    /// lasts 4 s); the exit status, 0 for a clean quit.
+    /// Ends the agent as a logout does, once its splash (4 s for a Master) has closed.
     std::optional<int> quit(std::chrono::seconds splash = std::chrono::seconds(5)) {
         std::this_thread::sleep_until(started_ + splash);
         process_->kill(SIGTERM);

@@ -1,6 +1,5 @@
 #pragma once
-// Test hosts for network tests, made by tools/testnet/testnet.sh: each host is a network
-// namespace with its own /run, host name, dbus-daemon and avahi-daemon.
+// Test hosts made by tools/testnet/testnet.sh: network namespaces with their own avahi-daemon.
 
 #include <unistd.h>
 
@@ -17,13 +16,11 @@ inline std::string shellQuote(const std::string& text) {
     return "'" + std::regex_replace(text, std::regex("'"), "'\\''") + "'";
 }
 
-/// \brief Test hosts named by the caller ("a", "b"...), removed with it: the i-th (from 0) has
-/// 10.77.0.(i+1)/24 on "eth0" and answers to "<name>.local". A test asserts ok() and shows
-/// error(), so that a machine without root or namespaces fails it with the reason.
+/// \brief Test hosts "a", "b"..., removed with it: the i-th (from 0) has 10.77.0.(i+1)/24 on
+/// "eth0" and is "<name>.local". Tests assert ok() and show error(): the reason it failed.
 class TestNet {
 public:
-    // The process id keeps networks of tests running side by side apart; leftovers of crashed
-    // tests, and of one that had this process's id, go first.
+    // Named by the process id; leftovers of crashed tests, and of one with this id, go first.
     explicit TestNet(const std::vector<std::string>& hosts)
         : hosts_(hosts), name_("n" + std::to_string(getpid())) {
         script({"prune"});
@@ -41,14 +38,12 @@ public:
         auto index = std::find(hosts_.begin(), hosts_.end(), host) - hosts_.begin();
         return "10.77.0." + std::to_string(index + 1);
     }
-    /// Runs a shell command line on host: its exit status (-1 when it could not run), with
-    /// standard output and error in *output when given.
+    /// Runs a shell command line on host: its exit status (-1: not run), its output in *output.
     int run(const std::string& host, const std::string& command,
             std::string* output = nullptr) const {
         return script({"run", name_, host, "sh", "-c", command}, output);
     }
-    /// Starts a program on host (the script hands its process over, so the Child's pid is the
-    /// program's); the Child ends it (SIGKILL) when destroyed.
+    /// Starts a program on host; the script hands its process over: the Child's pid is its.
     std::unique_ptr<Child> start(const std::string& host, std::vector<std::string> args) const {
         args.insert(args.begin(), {"run", name_, host});
         return std::make_unique<Child>(VELMOR_TESTNET_SCRIPT, args,

@@ -1,6 +1,5 @@
 #pragma once
-// Helpers shared by the tests: temporary folders, child processes of the real executable,
-// free loopback ports.
+// Helpers shared by the tests: temporary folders, child processes, free loopback ports.
 
 #include <sys/fsuid.h>
 #include <unistd.h>
@@ -31,8 +30,8 @@ private:
     std::error_code ignored_;
 };
 
-/// \brief A folder this thread cannot write to while it lives: mode 0555 and, for root, whom
-/// modes do not stop, the thread's file-system user "nobody" (refused, and not needed, otherwise).
+/// \brief A folder this thread cannot write to while it lives: mode 0555, and for root, whom
+/// modes do not stop, the file-system user "nobody".
 class ReadOnlyFolder {
 public:
     explicit ReadOnlyFolder(const std::string& path)
@@ -49,9 +48,7 @@ private:
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
-inline bool exists(const std::string& path) {
-    return std::filesystem::exists(path);
-}
+using std::filesystem::exists;
 /// Polls until done() holds; false when the time runs out first.
 bool eventually(const std::function<bool()>& done,
                 std::chrono::milliseconds timeout = std::chrono::seconds(15),
@@ -85,8 +82,7 @@ private:
     boost::process::child child_;
 };
 
-/// The configuration of a test's own session dbus-daemon listening at listen (a D-Bus address),
-/// without service folders: a name nobody owns fails at once instead of starting a program.
+/// A session dbus-daemon's configuration with no service folders: unowned names fail at once.
 std::string sessionBusConfig(const std::string& listen);
 /// A TCP port on 127.0.0.1 that was free a moment ago.
 unsigned short freeLoopbackPort();
