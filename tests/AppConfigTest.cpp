@@ -18,7 +18,6 @@ using namespace vlm::test;
 bool setMode(vlm::AppConfig& config, int mode) {
     return config.change([=](auto& d) { vlm::json::ensurePath(d, {"mode"}).SetInt(mode); });
 }
-
 std::string modeOf(vlm::AppConfig& config) {
     const vlm::json::Value* mode = vlm::json::findPath(config.document.get(), {"mode"});
     return !mode ? "" : mode->IsInt() ? std::to_string(mode->GetInt()) : "other";

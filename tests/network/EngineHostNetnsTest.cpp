@@ -17,21 +17,20 @@ TEST(EngineHostNetns, ListensOnTheFilteredAddressOnly) {
     const std::string net = "velmor-eh-" + std::to_string(getpid());
     // d0: two IPv4 addresses; d5: another hardware address; d9: down; t0: no hardware address.
     ASSERT_EQ(std::system(("ip netns add " + net + " && ip -n " + net + R"( -batch - <<END
-link add d0 type veth peer name p0
-link set d0 address 02:00:00:00:00:0a up
+link add d0 address 02:00:00:00:00:0a type veth peer name p0
+link add d5 address 02:00:00:00:00:0b type veth peer name p5
+link add d9 address 02:00:00:00:00:09 type veth peer name p9
+tuntap add dev t0 mode tun
 addr add 10.213.1.1/24 dev d0
 addr add 10.213.9.2/16 dev d0
-link add d5 type veth peer name p5
-link set d5 address 02:00:00:00:00:0b up
 addr add 10.213.5.1/24 dev d5
-link add d9 type veth peer name p9
-link set d9 address 02:00:00:00:00:09
 addr add 10.214.9.1/24 dev d9
-tuntap add dev t0 mode tun
 addr add 10.213.7.1/24 dev t0
-link set t0 up
+link set d0 up
+link set d5 up
 link set p0 up
 link set p5 up
+link set t0 up
 link set lo up
 END)")
                               .c_str()),
@@ -56,17 +55,16 @@ END)")
                          vlm::test::velmorPath() + " --serverd 1");
     auto printed = [&](const std::string& command) {
         auto child = inside(command);
-        child->wait(5s);
-        return child->output();
+        return child->wait(5s), child->output();
     };
     const std::string listening = "ss -Hltn 'sport = 18080' | awk '{print $4}'";
     EXPECT_TRUE(
         vlm::test::eventually([&] { return printed(listening) == "10.213.1.1:18080\n"; }, 10s))
         << printed(listening) << server->output();
-    EXPECT_EQ(printed("curl -s -u anon:anon -o /dev/null -w '%{http_code}' -d '[{\"Ip\": "
-                      "\"10.213.5.1\", \"Mask\": \"255.255.255.0\"}]' "
-                      "http://10.213.1.1:18080/set_interface_filters"),
-              "200");
+    EXPECT_EQ(
+        printed(
+            R"(curl -su anon:anon -o /dev/null -w %{http_code} -d '[{"Ip": "10.213.5.1", "Mask": "255.255.255.0"}]' http://10.213.1.1:18080/set_interface_filters)"),
+        "200");
     EXPECT_EQ(printed(listening), "10.213.5.1:18080\n");
 }
 

@@ -25,7 +25,7 @@ int unixSocket(const std::string& path, bool request) {
     sockaddr_un address{AF_UNIX, {}};
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
     auto* at = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(request ? connect(fd, at, sizeof address) : bind(fd, at, sizeof address), 0) << path;
+    EXPECT_EQ((request ? connect : bind)(fd, at, sizeof address), 0) << path;
     chmod(path.c_str(), 0777);
     EXPECT_EQ(request ? write(fd, "\0\0\0\0", 4) : listen(fd, 4), request ? 4 : 0);
     return fd;

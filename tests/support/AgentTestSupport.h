@@ -39,9 +39,7 @@ class LogCapture : public Recorder {
 public:
     LogCapture() {
         instance_ = this;
-        logHook = [](std::uint32_t, const char*, int, const char* text) {
-            instance_->record(text);
-        };
+        logHook = [](std::uint32_t, const char*, int, const char* s) { instance_->record(s); };
     }
     ~LogCapture() { logHook = nullptr; }
 

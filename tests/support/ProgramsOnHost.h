@@ -77,7 +77,6 @@ private:
     std::unique_ptr<Child> parent_, process_;
 };
 
-/// \brief The engine-server role on a test host.
 struct EngineOnHost : ProgramOnHost {
     EngineOnHost(const TestNet& net, const std::string& host, int port, bool master)
         : ProgramOnHost(net, host, port, master ? -2 : -1) {}

@@ -1,8 +1,6 @@
 #pragma once
 // Test hosts made by tools/testnet/testnet.sh: network namespaces with their own avahi-daemon.
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <memory>
 #include <regex>
@@ -31,7 +29,6 @@ public:
                                      : std::string();
     }
     ~TestNet() { script({"down", name_}); }
-
     bool ok() const { return error_.empty(); }
     const std::string& error() const { return error_; }
     std::string address(const std::string& host) const {

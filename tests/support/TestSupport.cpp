@@ -1,7 +1,6 @@
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <atomic>
 #include <boost/asio/ip/tcp.hpp>
@@ -40,18 +39,6 @@ Child::Child(const std::string& program, std::vector<std::string> args,
     child_ = bp::child(bp::exe = program, bp::args = args, environment,
                        bp::std_in<"/dev/null", bp::std_out> output_ + ".out",
                        bp::std_err > output_ + ".err");
-}
-
-std::optional<int> Child::wait(std::chrono::milliseconds timeout) {
-    if (!eventually([&] { return !child_.running(); }, timeout))
-        return std::nullopt;
-    const int status = child_.native_exit_code();
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-void Child::kill(int signal) {
-    if (child_.running())
-        ::kill(child_.id(), signal);
 }
 
 std::string sessionBusConfig(const std::string& listen) {

@@ -2,6 +2,7 @@
 // Helpers shared by the tests: temporary folders, child processes, free loopback ports.
 
 #include <sys/fsuid.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/process/child.hpp>
@@ -53,7 +54,6 @@ using std::filesystem::exists;
 bool eventually(const std::function<bool()>& done,
                 std::chrono::milliseconds timeout = std::chrono::seconds(15),
                 std::chrono::milliseconds step = std::chrono::milliseconds(10));
-/// The build tree's root, where VELMOR and the libraries are.
 inline std::string buildDir() {
     return VELMOR_BUILD_DIR;
 }
@@ -69,8 +69,16 @@ public:
           const std::map<std::string, std::string>& env, const std::string& outputDir);
     pid_t pid() const { return child_.id(); }
     /// Exit status, or -signal when killed; nullopt when still running after the timeout.
-    std::optional<int> wait(std::chrono::milliseconds timeout);
-    void kill(int signal);
+    std::optional<int> wait(std::chrono::milliseconds timeout) {
+        if (!eventually([&] { return !child_.running(); }, timeout))
+            return std::nullopt;
+        const int status = child_.native_exit_code();
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+    void kill(int signal) {
+        if (child_.running())
+            ::kill(child_.id(), signal);
+    }
     std::string output() const { return readFile(output_ + ".out"); }
     std::string errors() const { return readFile(output_ + ".err"); }
     bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const {
@@ -86,10 +94,8 @@ private:
 std::string sessionBusConfig(const std::string& listen);
 /// A TCP port on 127.0.0.1 that was free a moment ago.
 unsigned short freeLoopbackPort();
-
 /// Polls until a POST "/get" with the engine's credentials answers 200.
 bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout);
-
 /// What call() writes to standard output (printf included).
 std::string capturedOutput(const std::function<void()>& call);
 /// The text of a log without its colour sequences.
