@@ -126,7 +126,6 @@ TEST_F(Roles, SingleInstanceFolderIsPrivate) {
             close(unixSocket(folder(65534) + "/velmor_agent_singleton", true));
             EXPECT_FALSE(first->waitForOutput(kShown, 300ms));
         }
-        // A second agent hands over (it leaves silently with 0), or runs as well.
         auto second = start({}, c.user);
         EXPECT_TRUE(c.handOver ? second->wait(10s) == 0 : second->waitForOutput(kBanner, 10s));
         EXPECT_EQ(second->output().empty(), c.handOver);

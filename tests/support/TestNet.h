@@ -9,7 +9,6 @@
 
 namespace vlm::test {
 
-/// Quotes text for a POSIX shell.
 inline std::string shellQuote(const std::string& text) {
     return "'" + std::regex_replace(text, std::regex("'"), "'\\''") + "'";
 }
