@@ -15,9 +15,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// With a VPN tunnel up, the engine listens only on the first IPv4 address of the interface named
-// exactly (a missing or non-string hardware_id, another letter case, a down interface: nothing);
-// "/set_interface_filters" moves it before it answers.
+// The engine listens only on the first IPv4 address of the interface named exactly (not a VPN
+// tunnel, another case, a down interface); "/set_interface_filters" moves it before it answers.
 TEST(EngineHostNetns, ListensOnTheFilteredAddressOnly) {
     // The process's own namespace, gone with it; a tunnel is up while a program holds it.
     ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "needs root and network namespaces";

@@ -27,8 +27,7 @@ struct ProgramFolders {
     }
 };
 
-/// \brief The program on a test host: the agent role with mode >= 0 configured, else the engine
-/// server (mode -2 a master) whose parent is a sleeper of the test.
+/// \brief The agent with mode >= 0 configured on a test host, else an engine server (-2: master).
 class ProgramOnHost {
 public:
     ProgramOnHost(const TestNet& net, const std::string& host, int port, int mode) {
@@ -58,7 +57,7 @@ public:
         process_->kill(number);
         process_->wait(std::chrono::seconds(5));
     }
-    /// The engine-server processes started with this program's folders (its engine children).
+    /// Engine servers started with this program's folders.
     std::vector<pid_t> engineChildren() const {
         std::vector<pid_t> found;
         for (const auto& entry : std::filesystem::directory_iterator("/proc")) {

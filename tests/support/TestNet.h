@@ -13,8 +13,7 @@ inline std::string shellQuote(const std::string& text) {
     return "'" + std::regex_replace(text, std::regex("'"), "'\\''") + "'";
 }
 
-/// \brief Test hosts "a", "b"..., removed with it: the i-th (from 0) has 10.77.0.(i+1)/24 on
-/// "eth0" and is "<name>.local". Tests assert ok() and show error(): the reason it failed.
+/// \brief Test hosts "a", "b"... (10.77.0.1, .2... on "eth0", "<name>.local"), removed with it.
 class TestNet {
 public:
     // Named by the process id; leftovers of crashed tests, and of one with this id, go first.
@@ -34,12 +33,11 @@ public:
         auto index = std::find(hosts_.begin(), hosts_.end(), host) - hosts_.begin();
         return "10.77.0." + std::to_string(index + 1);
     }
-    /// Runs a shell command line on host: its exit status (-1: not run), its output in *output.
+    /// Exit status (-1: not run); output in *output.
     int run(const std::string& host, const std::string& command,
             std::string* output = nullptr) const {
         return script({"run", name_, host, "sh", "-c", command}, output);
     }
-    /// Starts a program on host; the script hands its process over: the Child's pid is its.
     std::unique_ptr<Child> start(const std::string& host, std::vector<std::string> args) const {
         args.insert(args.begin(), {"run", name_, host});
         return std::make_unique<Child>(VELMOR_TESTNET_SCRIPT, args,

@@ -1,7 +1,5 @@
 #include "TestSupport.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/process.hpp>
@@ -66,12 +64,6 @@ bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout) {
             return curl.wait(std::chrono::seconds(2)) && curl.output() == "200";
         },
         timeout);
-}
-
-std::string capturedOutput(const std::function<void()>& call) {
-    testing::internal::CaptureStdout();
-    call();
-    return testing::internal::GetCapturedStdout();
 }
 
 std::string withoutColours(const std::string& text) {

@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <boost/process/child.hpp>
 #include <chrono>
 #include <filesystem>
@@ -31,8 +33,7 @@ private:
     std::error_code ignored_;
 };
 
-/// \brief A folder this thread cannot write to while it lives: mode 0555, and for root, whom
-/// modes do not stop, the file-system user "nobody".
+/// \brief A folder this thread cannot write to while it lives: 0555, and for root fsuid nobody.
 class ReadOnlyFolder {
 public:
     explicit ReadOnlyFolder(const std::string& path)
@@ -64,7 +65,7 @@ inline std::string velmorPath() {
 /// \brief A child process with its standard output and error going to files, killed with it.
 class Child {
 public:
-    /// Starts program with args; env entries are added to (or replace) the environment.
+    /// env entries are added to (or replace) the environment.
     Child(const std::string& program, std::vector<std::string> args,
           const std::map<std::string, std::string>& env, const std::string& outputDir);
     pid_t pid() const { return child_.id(); }
@@ -96,8 +97,24 @@ std::string sessionBusConfig(const std::string& listen);
 unsigned short freeLoopbackPort();
 /// Polls until a POST "/get" with the engine's credentials answers 200.
 bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout);
-/// What call() writes to standard output (printf included).
-std::string capturedOutput(const std::function<void()>& call);
+/// \brief Standard output (printf included) from its construction until text().
+class StdoutCapture {
+public:
+    StdoutCapture() { testing::internal::CaptureStdout(); }
+    ~StdoutCapture() { text(); }
+    std::string text() {
+        if (!captured_)
+            captured_ = testing::internal::GetCapturedStdout();
+        return *captured_;
+    }
+
+private:
+    std::optional<std::string> captured_;
+};
+inline std::string capturedOutput(const std::function<void()>& call) {
+    StdoutCapture capture;
+    return call(), capture.text();
+}
 /// The text of a log without its colour sequences.
 std::string withoutColours(const std::string& text);
 
