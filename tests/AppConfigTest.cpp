@@ -1,26 +1,22 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <filesystem>
+#include <thread>
 
-#include "Agent/Agent.h"
 #include "AppConfig.h"
-#include "PluginInventory.h"
 #include "TestSupport.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using vlm::test::capturedOutput;
-using vlm::test::readFile;
-using vlm::test::writeFile;
+using namespace vlm::test;
 
 bool setMode(vlm::AppConfig& config, int mode) {
     return config.change([=](auto& d) { vlm::json::ensurePath(d, {"mode"}).SetInt(mode); });
 }
-
 std::string modeOf(vlm::AppConfig& config) {
     const vlm::json::Value* mode = vlm::json::findPath(config.document.get(), {"mode"});
     return !mode ? "" : mode->IsInt() ? std::to_string(mode->GetInt()) : "other";
@@ -31,184 +27,109 @@ protected:
     void SetUp() override {
         setenv("APPDATA", appData.path().c_str(), 1);
         setenv("VELMOR_COMMON_APPDATA", common.path().c_str(), 1);
-        fs::create_directories(folder);
     }
-    vlm::test::TempDir appData, common;
+    TempDir appData, common;
     const std::string folder = appData.path() + "/Corvane Technologies/velmor";
     const std::string file = folder + "/config.json";
 };
 
-// What a file holds → what is read, what is said, what the file holds after a change and the
-// copy kept of a file that could not be used. Nothing blocks, crashes or is lost.
+// A file → what is read and said, what it holds after a change (nullptr: refused and said once,
+// document and file as they were) and where a file that could not be used is kept. A link stays
+// a link, the mode stays, a FIFO never blocks. Full and read-only file systems are real: a tmpfs
+// in a mount namespace of the thread's own, gone with it (root only).
 TEST_F(AppConfigTest, FilesReadChangedAndKept) {
+    const std::string target = appData.file("dotfiles.json");
+    auto text = [](const char* content) {
+        return [=](auto& f) { return writeFile(f, content), true; };
+    };
+    auto tmpfs = [&](unsigned long flags, const std::string& filler) {
+        const bool made = mount("velmor", folder.c_str(), "tmpfs", 0, "size=32k") == 0;
+        writeFile(file, R"({"mode": 2})");
+        writeFile(folder + "/filler", filler);
+        return made && mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | flags, nullptr) == 0;
+    };
     struct Case {
         const char* name;
-        std::function<void(const std::string&)> make;
-        std::string modeRead, said, after;
+        std::function<bool(const std::string&)> make;  // false: the case cannot be made here
+        const char *read, *said, *after, *kept;
     } cases[] = {
         // clang-format off
-        {"missing", [](auto&) {}, "", "", ""},
-        {"round trip", [](auto& f) { writeFile(f, R"({ "mode" : 2, "r": 0.1, "plugins": [] })"); }, "2", "", R"({"mode":1,"r":0.1,"plugins":[]})"},
-        {"wrong types", [](auto& f) { writeFile(f, R"({"mode":"x","plugins":5})"); }, "other", "", R"({"mode":1,"plugins":5})"},
-        {"not json", [](auto& f) { writeFile(f, "{ not json"); }, "", "does not hold a JSON object", ""},
-        {"folder", [](auto& f) { fs::create_directory(f); }, "", "cannot be read (not a regular file)", ""},
-        {"fifo", [](auto& f) { mkfifo(f.c_str(), 0600); }, "", "cannot be read (not a regular file)", ""},
+        {"missing", [](auto&) { return true; }, "", "", R"({"plugins":[{"name":"disco_bonjour.dll",)", nullptr},
+        {"round trip", text(R"({ "mode" : 2, "r": 0.1, "plugins": [] })"), "2", "", R"({"mode":1,"r":0.1,"plugins":[]})", nullptr},
+        {"not json", text("{ not json"), "", "does not hold a JSON object", R"("mode":1})", ".invalid"},
+        {"not an object", text("[1]"), "", "does not hold a JSON object", R"({"mode":1})", ".invalid"},
+        {"kept before", [](auto& f) { writeFile(f + ".invalid", "{ one"); return writeFile(f, "{ two"), true; }, "", "kept as", "\"mode\":1}", ".invalid.1"},
+        {"link", [&](auto& f) { writeFile(target, "{ one"); chmod(target.c_str(), 0600); fs::create_symlink(target, f); return true; }, "", "kept as", "\"mode\":1}", ".invalid"},
+        {"folder", [](auto& f) { return fs::create_directory(f); }, "", "cannot be read (not a regular file)", nullptr, nullptr},
+        {"fifo", [](auto& f) { return mkfifo(f.c_str(), 0600) == 0; }, "", "cannot be read (not a regular file)", nullptr, nullptr},
+        {"full", [&](auto&) { return tmpfs(0, std::string(32768, ' ')); }, "2", "No space left on device", nullptr, nullptr},
+        {"read-only", [&](auto&) { return tmpfs(MS_RDONLY, ""); }, "2", "Read-only file system", nullptr, nullptr},
         // clang-format on
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        fs::remove_all(folder);
-        fs::create_directories(folder);
-        c.make(file);
-        const std::string before = fs::is_regular_file(file) ? readFile(file) : "";
-        const auto type = fs::status(file).type();
-        vlm::AppConfig config;
-        bool saved = false;
-        const std::string out = capturedOutput([&] {
-            config.load();
-            EXPECT_EQ(modeOf(config), c.modeRead);
-            saved = setMode(config, 1);
-        });
-        EXPECT_NE(out.find(c.said), std::string::npos) << out;
-        if (type == fs::file_type::directory || type == fs::file_type::fifo) {
-            EXPECT_FALSE(saved);
-            EXPECT_EQ(fs::status(file).type(), type);
-            EXPECT_NE(out.find("Cannot write"), std::string::npos) << out;
-            continue;
+    std::thread([&] {
+        if (unshare(CLONE_NEWNS) == 0)
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.name);
+            umount2(folder.c_str(), MNT_DETACH);
+            fs::remove_all(appData.path());
+            fs::create_directories(folder);
+            if (!c.make(file))
+                continue;
+            const std::string before = fs::is_regular_file(file) ? readFile(file) : "";
+            const auto status = fs::status(file), own = fs::symlink_status(file);
+            vlm::AppConfig config;
+            bool saved = false;
+            const std::string out = capturedOutput([&] {
+                config.load();
+                EXPECT_EQ(modeOf(config), c.read);
+                saved = setMode(config, 1);
+            });
+            EXPECT_EQ(out.empty(), !*c.said) << out;
+            EXPECT_NE(out.find(c.said), std::string::npos) << out;
+            EXPECT_EQ(saved, c.after != nullptr) << out;
+            EXPECT_TRUE(!fs::exists(status) ||
+                        (fs::symlink_status(file).type() == own.type() &&
+                         fs::status(file).permissions() == status.permissions()));
+            EXPECT_FALSE(fs::exists(file + ".tmp") || fs::exists(target + ".tmp"));
+            if (!c.after) {
+                EXPECT_EQ(fs::is_regular_file(file) ? readFile(file) : "", before);
+                EXPECT_EQ(modeOf(config), c.read);
+                EXPECT_NE(out.find("Cannot write " + file + ":"), std::string::npos) << out;
+                EXPECT_EQ(out.find("Cannot write"), out.rfind("Cannot write")) << out;
+                continue;
+            }
+            EXPECT_NE(readFile(file).find(c.after), std::string::npos) << readFile(file);
+            EXPECT_EQ(c.kept ? readFile(file + c.kept) : before, before);
+            EXPECT_EQ(fs::exists(file + ".invalid"), c.kept != nullptr);
         }
-        EXPECT_TRUE(saved) << out;
-        if (!c.after.empty()) {
-            EXPECT_EQ(readFile(file), c.after);
-        }
-        EXPECT_NE(readFile(file).find(R"("mode":1)"), std::string::npos);
-        EXPECT_EQ(fs::exists(file + ".invalid"), !c.said.empty());
-        if (!c.said.empty()) {
-            EXPECT_EQ(readFile(file + ".invalid"), before);
-        }
-        EXPECT_FALSE(fs::exists(file + ".tmp"));
-    }
+        umount2(folder.c_str(), MNT_DETACH);
+    }).join();
 }
 
-// A link (as dotfile managers keep it) stays a link with its target changed and its mode; each
-// broken file in turn gets its own kept copy, never one over an earlier one.
-TEST_F(AppConfigTest, LinkModeAndKeptCopies) {
-    const std::string target = appData.file("dotfiles-config.json");
-    fs::create_symlink(target, file);
-    for (const char* broken : {"{ one", "{ two", "{ three"}) {
-        writeFile(target, broken);
-        chmod(target.c_str(), 0600);
-        vlm::AppConfig config;
-        capturedOutput([&] {
-            config.load();
-            EXPECT_TRUE(setMode(config, 3));
-        });
-        EXPECT_TRUE(fs::is_symlink(file));
-        EXPECT_EQ(readFile(target), R"({"mode":3})");
-        EXPECT_EQ(fs::status(target).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    }
-    EXPECT_EQ(readFile(file + ".invalid"), "{ one");
-    EXPECT_EQ(readFile(file + ".invalid.1"), "{ two");
-    EXPECT_EQ(readFile(file + ".invalid.2"), "{ three");
-}
-
-// A read-only or full file system: the change is refused and said once, the document put
-// back, the file intact; once writable again the change goes through.
-TEST_F(AppConfigTest, UnwritableFileSystemRefusesTheChange) {
-    const std::string text = R"({"mode": 2, "pad": ")" + std::string(1000, ' ') + "\"}";
-    writeFile(file, text);
-    vlm::AppConfig config;
-    capturedOutput([&] { config.load(); });
-    for (int kind = 0; kind < 2; ++kind) {
-        std::string out;
-        if (kind == 0) {
-            vlm::test::ReadOnlyFolder readOnly(folder);
-            out = capturedOutput([&] { EXPECT_FALSE(setMode(config, 1)); });
-            EXPECT_EQ(config.saveError(), "Permission denied");
-        } else {
-            std::signal(SIGXFSZ, SIG_IGN);
-            rlimit saved{}, full{};
-            getrlimit(RLIMIT_FSIZE, &saved);
-            full = {500, saved.rlim_max};  // room for the log, not for the file
-            setrlimit(RLIMIT_FSIZE, &full);
-            out = capturedOutput([&] { EXPECT_FALSE(setMode(config, 1)); });
-            setrlimit(RLIMIT_FSIZE, &saved);
-        }
-        EXPECT_EQ(out.find("Cannot write"), out.rfind("Cannot write")) << out;
-        EXPECT_NE(out.find("Cannot write " + file), std::string::npos) << out;
-        EXPECT_EQ(modeOf(config), "2");
-        EXPECT_EQ(readFile(file), text);
-        EXPECT_FALSE(fs::exists(file + ".tmp"));
-    }
-    EXPECT_EQ(config.failedSaves(), 2u);
-    EXPECT_TRUE(setMode(config, 1));
-    EXPECT_EQ(config.saveError(), "");
-}
-
-// A new account: HOME holds nothing, neither APPDATA nor XDG_CONFIG_HOME is set. Every folder
-// is made with its parents, and machine-wide folders come first in the plug-in search.
-TEST_F(AppConfigTest, EmptyHomeGetsEveryFolder) {
+// A new account (an empty HOME, no APPDATA nor XDG_CONFIG_HOME): every folder is made with its
+// parents, machine-wide plug-ins come first, the plug-in table is seeded in order.
+TEST_F(AppConfigTest, NewAccount) {
     unsetenv("APPDATA");
     unsetenv("XDG_CONFIG_HOME");
-    vlm::test::TempDir home;
+    TempDir home;
     setenv("HOME", home.path().c_str(), 1);
     vlm::AppConfig config;
-    capturedOutput([&] { config.load(); });
-    const std::string app = home.path() + "/.config/Corvane Technologies/velmor";
-    for (const char* sub :
-         {"", "/plugins", "/storage", "/pictures", "/logs", "/connections", "/debug"})
-        EXPECT_TRUE(fs::is_directory(app + sub)) << sub;
-    EXPECT_TRUE(setMode(config, 2));
-    EXPECT_NE(readFile(app + "/config.json").find(R"("mode":2)"), std::string::npos);
-    const std::string base = common.path() + "/Corvane Technologies/Velmor";
-    ASSERT_EQ(config.pluginFolders.size(), 2u);
-    EXPECT_EQ(config.pluginFolders[0], base + "/Plugins");
-    EXPECT_EQ(config.pluginFolders[1], app + "/plugins");
-    EXPECT_EQ(config.webAppFolder, base + "/webapp");  // kept although it does not exist
-}
-
-// The built-in plug-in table seeds a configuration without "plugins", in order; lookups match
-// the exact file name.
-TEST_F(AppConfigTest, PluginTable) {
-    writeFile(file, "{}");
-    vlm::AppConfig config;
     config.load();
-    const auto& plugins = (*config.document)["plugins"];
-    ASSERT_EQ(plugins.Size(), 10u);
-    const char* names[] = {"disco_bonjour",      "disco_SAP",    "proxy_tessel", "proxy_native",
-                           "proxy_o_corestream", "proxy_halden", "routeline",    "proxy_wavenet",
-                           "linkbus_rif",        "proxy_file"};
-    for (rapidjson::SizeType i = 0; i < 10; ++i) {
-        EXPECT_EQ(plugins[i]["name"].GetString(), std::string(names[i]) + ".dll");
-        EXPECT_EQ(plugins[i]["enabled"].GetBool(), i < 6 && i != 1) << names[i];
-        EXPECT_STREQ((plugins[i].MemberBegin() + 1)->name.GetString(), "descr");
-    }
-    EXPECT_STREQ(plugins[3]["descr"].GetString(),
-                 "Native generic proxy (converters, interfaces, cards, virtual devices and more");
-    EXPECT_STREQ(vlm::findPluginEntry(config, "proxy_halden.dll")->operator[]("descr").GetString(),
-                 "Halden based devices proxy");
-    for (const char* other : {"PROXY_HALDEN.dll", "proxy_halden", "proxy_halden.dl"})
-        EXPECT_EQ(vlm::findPluginEntry(config, other), nullptr) << other;
-}
-
-// The interface filter list: absent or empty means none ("0"); an element whose hardware_id
-// is missing or not a string is skipped, never read as "" (which matches a VPN tunnel).
-TEST(EngineHost, HardwareIdsFromTheConfiguration) {
-    using Ids = std::vector<std::string>;
-    const std::string list = R"({"discovery": {"filtering": )";
-    // clang-format off
-    const std::pair<std::string, Ids> cases[] = {
-        {"{}", {"0"}}, {list + "[]}}", {"0"}}, {list + "{}}}", {"0"}}, {R"({"discovery": 5})", {"0"}},
-        {list + R"([{"hardware_id": "AA:01"}, {"hardware_id": "0"}]}})", {"AA:01", "0"}},
-        {list + R"([{"hardware_id": "AA:01"}, {}]}})", {"AA:01"}},
-        {list + R"([3, {"hardware_id": 7}, {"hardware_id": "AA:01"}]}})", {"AA:01"}},
-        {list + R"([{"hardware_id": 7}]}})", {"0"}}};
-    // clang-format on
-    for (const auto& [text, ids] : cases) {
-        vlm::json::Document document;
-        vlm::json::parseString(document, text.c_str());
-        capturedOutput([&] { EXPECT_EQ(vlm::interfaceHardwareIdsFrom(&document), ids) << text; });
-    }
-    EXPECT_EQ(vlm::interfaceHardwareIdsFrom(nullptr), Ids{"0"});
+    const std::string app = home.path() + "/.config/Corvane Technologies/velmor";
+    for (const char* sub : {"/plugins", "/storage", "/pictures", "/logs", "/connections", "/debug"})
+        EXPECT_TRUE(fs::is_directory(app + sub)) << sub;
+    const std::string base = common.path() + "/Corvane Technologies/Velmor";
+    EXPECT_EQ(config.pluginFolders, (std::vector<fs::path>{base + "/Plugins", app + "/plugins"}));
+    EXPECT_EQ(config.webAppFolder, base + "/webapp");  // kept although it does not exist
+    std::string rows;
+    for (const auto& plugin : (*config.document)["plugins"].GetArray())
+        rows += plugin["name"].GetString() + std::string(plugin["enabled"].GetBool() ? "+ " : " ");
+    EXPECT_EQ(rows,
+              "disco_bonjour.dll+ disco_SAP.dll proxy_tessel.dll+ proxy_native.dll+ "
+              "proxy_o_corestream.dll+ proxy_halden.dll+ routeline.dll proxy_wavenet.dll "
+              "linkbus_rif.dll proxy_file.dll ");
+    EXPECT_TRUE(setMode(config, 2));
 }
 
 }  // namespace

@@ -1,49 +1,36 @@
 #pragma once
-// An agent on a configuration in a temporary folder, with fast waits, its log and listener
-// calls collected as text.
+// An agent on a temporary configuration with fast waits; its log and listener calls as text.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "Agent/Agent.h"
 #include "AppConfig.h"
 #include "Log.h"
-#include "ProgramsOnHost.h"
 #include "TestSupport.h"
 
 namespace vlm::test {
 
-/// \brief Lines in arrival order, from any thread, with a wait for one of them.
+/// \brief Lines in arrival order, from any thread.
 class Recorder {
 public:
     void record(const std::string& line) {
         std::lock_guard<std::mutex> lock(mutex_);
         lines_.push_back(line);
-        changed_.notify_all();
     }
     std::vector<std::string> lines() {
         std::lock_guard<std::mutex> lock(mutex_);
         return lines_;
     }
     int count(const std::string& line) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return static_cast<int>(std::count(lines_.begin(), lines_.end(), line));
-    }
-    bool waitFor(const std::string& line, std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] {
-            return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
-        });
+        const auto all = lines();
+        return static_cast<int>(std::count(all.begin(), all.end(), line));
     }
 
 private:
     std::mutex mutex_;
-    std::condition_variable changed_;
     std::vector<std::string> lines_;
 };
 
@@ -52,9 +39,7 @@ class LogCapture : public Recorder {
 public:
     LogCapture() {
         instance_ = this;
-        logHook = [](std::uint32_t, const char*, int, const char* line) {
-            instance_->record(line);
-        };
+        logHook = [](std::uint32_t, const char*, int, const char* s) { instance_->record(s); };
     }
     ~LogCapture() { logHook = nullptr; }
 
@@ -62,8 +47,7 @@ private:
     static inline LogCapture* instance_ = nullptr;
 };
 
-/// \brief Every listener call, as "attached <server>", "engine died"..., also into another
-/// recorder when given (to keep them in order with log lines).
+/// \brief Listener calls ("attached <server>"...), also into another recorder when given.
 class RecordingListener : public Agent::Listener, public Recorder {
 public:
     void onAttached(const std::string& server) override { note("attached " + server); }
@@ -87,7 +71,6 @@ protected:
         setenv("APPDATA", appData.path().c_str(), 1);
         setenv("VELMOR_COMMON_APPDATA", appData.path().c_str(), 1);
     }
-
     /// Loads the configuration text and builds an agent on it with fast waits.
     std::unique_ptr<Agent> makeAgent(const std::string& configText = "{}") {
         writeFile(appData.file("config.json"), configText);
@@ -98,7 +81,6 @@ protected:
         agent->addListener(&listener);
         return agent;
     }
-
     std::string savedConfig() { return readFile(appData.file("config.json")); }
 
     TempDir appData;

@@ -1,38 +1,15 @@
 #pragma once
-// The program's engine-server role and its agent role on test hosts, each with folders of its
-// own. Shared by the network tests.
+// The program's roles on test hosts, each with folders of its own.
 
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
-#include <filesystem>
-#include <functional>
-#include <map>
-#include <memory>
-#include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "TestNet.h"
-#include "TestSupport.h"
 
 namespace vlm::test {
-
-/// Polls until done() holds; false when the time runs out first.
-inline bool eventually(const std::function<bool()>& done,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(15),
-                       std::chrono::milliseconds step = std::chrono::milliseconds(10)) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(step);
-    }
-    return true;
-}
 
 /// Folders of one program's configuration (APPDATA, common, runtime), removed with it.
 struct ProgramFolders {
@@ -50,26 +27,19 @@ struct ProgramFolders {
     }
 };
 
-/// \brief The program on a test host: the engine-server role (a sleeper of the test as its
-/// parent), or with mode >= 0 the agent role with that configured mode.
+/// \brief The agent with mode >= 0 configured on a test host, else an engine server (-2: master).
 class ProgramOnHost {
 public:
     ProgramOnHost(const TestNet& net, const std::string& host, int port, int mode) {
-        std::string role = " --server 1 --apid ";
-        if (mode < 0) {
-            parent_ =
-                std::make_unique<Child>("/bin/sleep", std::vector<std::string>{"600"},
-                                        std::map<std::string, std::string>{}, folders_.dir.path());
-            role += std::to_string(parent_->pid()) + (mode == -2 ? " --master 1" : "");
-        } else {
-            const std::string config = folders_.dir.file("appdata/Corvane Technologies/velmor");
-            std::filesystem::create_directories(config);
-            writeFile(config + "/config.json", "{\"mode\": " + std::to_string(mode) + "}");
-            role.clear();
-        }
-        process_ = net.start(
-            host, {"sh", "-c",
-                   "exec " + folders_.environment(port) + " " + shellQuote(velmorPath()) + role});
+        const std::string config = folders_.dir.file("appdata/Corvane Technologies/velmor");
+        std::filesystem::create_directories(config);
+        writeFile(config + "/config.json", "{\"mode\": " + std::to_string(mode) + "}");
+        parent_.reset(new Child("/bin/sleep", {"600"}, {}, folders_.dir.path()));
+        const std::string role = " --server 1 --apid " + std::to_string(parent_->pid()) +
+                                 (mode == -2 ? " --master 1" : "");
+        process_ = net.start(host, {"sh", "-c",
+                                    "exec " + folders_.environment(port) + " " +
+                                        shellQuote(velmorPath()) + (mode < 0 ? role : "")});
     }
     std::string log() const { return withoutColours(process_->output()); }
     std::string errors() const { return process_->errors(); }
@@ -77,8 +47,7 @@ public:
         return eventually([&] { return log().find(line) != std::string::npos; }, timeout);
     }
     bool announced() const { return logHas("Engine: DNS-SD registered", std::chrono::seconds(15)); }
-    /// Ends the agent as a logout does (SIGTERM), once its splash has closed (a Master agent's
-    /// lasts 4 s); the exit status, 0 for a clean quit.
+    /// Ends the agent as a logout does, once its splash (4 s for a Master) has closed.
     std::optional<int> quit(std::chrono::seconds splash = std::chrono::seconds(5)) {
         std::this_thread::sleep_until(started_ + splash);
         process_->kill(SIGTERM);
@@ -88,7 +57,7 @@ public:
         process_->kill(number);
         process_->wait(std::chrono::seconds(5));
     }
-    /// The engine-server processes started with this program's folders (its engine children).
+    /// Engine servers started with this program's folders.
     std::vector<pid_t> engineChildren() const {
         std::vector<pid_t> found;
         for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
@@ -100,16 +69,13 @@ public:
         }
         return found;
     }
-    bool running() const { return !process_->wait(std::chrono::milliseconds(0)).has_value(); }
 
 private:
     std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     ProgramFolders folders_;
-    std::unique_ptr<Child> parent_;
-    std::unique_ptr<Child> process_;
+    std::unique_ptr<Child> parent_, process_;
 };
 
-/// \brief The engine-server role on a test host.
 struct EngineOnHost : ProgramOnHost {
     EngineOnHost(const TestNet& net, const std::string& host, int port, bool master)
         : ProgramOnHost(net, host, port, master ? -2 : -1) {}

@@ -1,56 +1,61 @@
 #pragma once
-// Test hosts for network tests, made by tools/testnet/testnet.sh: each host is a network
-// namespace with its own /run, host name, dbus-daemon and avahi-daemon.
+// Test hosts made by tools/testnet/testnet.sh: network namespaces with their own avahi-daemon.
 
+#include <algorithm>
 #include <memory>
-#include <string>
-#include <vector>
+#include <regex>
 
 #include "TestSupport.h"
 
 namespace vlm::test {
 
-/// \brief A network of test hosts (network namespaces joined by veth pairs), removed with it.
-///
-/// Hosts are named by the caller ("a", "b"...: lower-case letters and digits); the i-th host
-/// (from 0) has the IPv4 address 10.77.0.(i+1)/24 on its only interface, "eth0", and answers
-/// to "<name>.local" over multicast DNS. A test that needs the network asserts ok() and shows
-/// error(), so that a machine without root or namespaces fails it with the reason.
+inline std::string shellQuote(const std::string& text) {
+    return "'" + std::regex_replace(text, std::regex("'"), "'\\''") + "'";
+}
+
+/// \brief Test hosts "a", "b"... (10.77.0.1, .2... on "eth0", "<name>.local"), removed with it.
 class TestNet {
 public:
-    explicit TestNet(const std::vector<std::string>& hosts);
-    ~TestNet();
-    TestNet(const TestNet&) = delete;
-    TestNet& operator=(const TestNet&) = delete;
-
+    // Named by the process id; leftovers of crashed tests, and of one with this id, go first.
+    explicit TestNet(const std::vector<std::string>& hosts)
+        : hosts_(hosts), name_("n" + std::to_string(getpid())) {
+        script({"prune"});
+        script({"down", name_});
+        std::vector<std::string> up{"up", name_};
+        up.insert(up.end(), hosts.begin(), hosts.end());
+        error_ = script(up, &error_) ? "could not make the test hosts (root, namespaces): " + error_
+                                     : std::string();
+    }
+    ~TestNet() { script({"down", name_}); }
     bool ok() const { return error_.empty(); }
-    /// Why the network could not be made; empty when it is up.
     const std::string& error() const { return error_; }
-    const std::string& name() const { return name_; }
-
-    std::string address(const std::string& host) const;
-    /// The host's system bus, for a D-Bus client (such as libdns_sd) outside its namespaces.
-    std::string busAddress(const std::string& host) const;
-
-    /// Runs a shell command line on host; returns its exit status (-1 when it could not run).
-    /// Standard output and error go to *output when given.
+    std::string address(const std::string& host) const {
+        auto index = std::find(hosts_.begin(), hosts_.end(), host) - hosts_.begin();
+        return "10.77.0." + std::to_string(index + 1);
+    }
+    /// Exit status (-1: not run); output in *output.
     int run(const std::string& host, const std::string& command,
-            std::string* output = nullptr) const;
-    /// Starts a program on host; the Child ends it (SIGKILL) when destroyed.
-    std::unique_ptr<Child> start(const std::string& host,
-                                 const std::vector<std::string>& args) const;
+            std::string* output = nullptr) const {
+        return script({"run", name_, host, "sh", "-c", command}, output);
+    }
+    std::unique_ptr<Child> start(const std::string& host, std::vector<std::string> args) const {
+        args.insert(args.begin(), {"run", name_, host});
+        return std::make_unique<Child>(VELMOR_TESTNET_SCRIPT, args,
+                                       std::map<std::string, std::string>{}, outputs_.path());
+    }
 
 private:
-    std::string script(const std::vector<std::string>& args, bool captureErrors) const;
+    int script(const std::vector<std::string>& args, std::string* output = nullptr) const {
+        Child child(VELMOR_TESTNET_SCRIPT, args, {}, outputs_.path());
+        const int status = child.wait(std::chrono::minutes(5)).value_or(-1);
+        if (output)
+            *output = child.output() + child.errors();
+        return std::max(status, -1);
+    }
 
     std::vector<std::string> hosts_;
-    std::string name_;
-    std::string error_;
-    bool made_ = false;
+    std::string name_, error_;
     TempDir outputs_;
 };
-
-/// Quotes text for a POSIX shell.
-std::string shellQuote(const std::string& text);
 
 }  // namespace vlm::test

@@ -1,11 +1,15 @@
 #pragma once
-// Helpers shared by the tests: temporary folders, child processes of the real executable,
-// free loopback ports and a small HTTP client.
+// Helpers shared by the tests: temporary folders, child processes, free loopback ports.
 
-#include <sys/types.h>
+#include <sys/fsuid.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include <boost/process/child.hpp>
 #include <chrono>
-#include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <optional>
@@ -17,108 +21,101 @@ namespace vlm::test {
 /// \brief A fresh folder under the system's temporary folder, removed with its content.
 class TempDir {
 public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
+    TempDir()
+        : path_(mkdtemp(
+              (std::filesystem::temp_directory_path() / "velmor-test-XXXXXX").string().data())) {}
+    ~TempDir() { std::filesystem::remove_all(path_, ignored_); }
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
 private:
     std::string path_;
+    std::error_code ignored_;
 };
 
-/// \brief Makes a folder unwritable for this process while it lives: mode 0555 and, for root,
-/// whom modes do not stop, the effective user "nobody" (the folder's ancestors get the search
-/// permission that user needs). Everything is put back at the end of scope.
+/// \brief A folder this thread cannot write to while it lives: 0555, and for root fsuid nobody.
 class ReadOnlyFolder {
 public:
-    explicit ReadOnlyFolder(const std::string& path);
-    ~ReadOnlyFolder();
-    ReadOnlyFolder(const ReadOnlyFolder&) = delete;
-    ReadOnlyFolder& operator=(const ReadOnlyFolder&) = delete;
+    explicit ReadOnlyFolder(const std::string& path)
+        : path_(path), mode_(std::filesystem::status(path).permissions()) {
+        std::filesystem::permissions(path, std::filesystem::perms(0555));
+        setfsuid(65534);
+    }
+    ~ReadOnlyFolder() { setfsuid(getuid()), std::filesystem::permissions(path_, mode_); }
 
 private:
-    std::vector<std::pair<std::string, unsigned>> modes_;  // restored in reverse order
-    bool switchedUser_ = false;
+    std::string path_;
+    std::filesystem::perms mode_;
 };
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
-bool exists(const std::string& path);
+using std::filesystem::exists;
+/// Polls until done() holds; false when the time runs out first.
+bool eventually(const std::function<bool()>& done,
+                std::chrono::milliseconds timeout = std::chrono::seconds(15),
+                std::chrono::milliseconds step = std::chrono::milliseconds(10));
+inline std::string buildDir() {
+    return VELMOR_BUILD_DIR;
+}
+inline std::string velmorPath() {
+    return buildDir() + "/VELMOR";
+}
 
-/// Folder of the test binaries' build tree root (where VELMOR and the libraries are).
-std::string buildDir();
-std::string velmorPath();
-
-/// \brief A child process with its standard output and error going to files.
+/// \brief A child process with its standard output and error going to files, killed with it.
 class Child {
 public:
-    /// Starts program with args; env entries are added to (or replace) the environment.
-    Child(const std::string& program, const std::vector<std::string>& args,
+    /// env entries are added to (or replace) the environment.
+    Child(const std::string& program, std::vector<std::string> args,
           const std::map<std::string, std::string>& env, const std::string& outputDir);
-    ~Child();
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return child_.id(); }
     /// Exit status, or -signal when killed; nullopt when still running after the timeout.
-    std::optional<int> wait(std::chrono::milliseconds timeout);
-    void kill(int signal);
-    std::string output() const;
-    std::string errors() const;
-    /// Waits until the standard output contains text.
-    bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const;
+    std::optional<int> wait(std::chrono::milliseconds timeout) {
+        if (!eventually([&] { return !child_.running(); }, timeout))
+            return std::nullopt;
+        const int status = child_.native_exit_code();
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+    void kill(int signal) {
+        if (child_.running())
+            ::kill(child_.id(), signal);
+    }
+    std::string output() const { return readFile(output_ + ".out"); }
+    std::string errors() const { return readFile(output_ + ".err"); }
+    bool waitForOutput(const std::string& text, std::chrono::milliseconds timeout) const {
+        return eventually([&] { return output().find(text) != std::string::npos; }, timeout);
+    }
 
 private:
-    pid_t pid_ = -1;
-    std::optional<int> status_;
-    std::string stdoutPath_;
-    std::string stderrPath_;
+    std::string output_;
+    boost::process::child child_;
 };
 
-/// The configuration of a test's own session dbus-daemon, listening at listen (a D-Bus address
-/// such as "unix:dir=/tmp/x"). It has no service folders: a name nobody owns fails at once
-/// instead of starting a program.
+/// A session dbus-daemon's configuration with no service folders: unowned names fail at once.
 std::string sessionBusConfig(const std::string& listen);
-
 /// A TCP port on 127.0.0.1 that was free a moment ago.
 unsigned short freeLoopbackPort();
-
-struct HttpResponse {
-    int status = 0;  // 0 when no answer came
-    std::string body;
-};
-
-/// One HTTP request; credentials as "user:password" or empty.
-HttpResponse httpRequestTo(const std::string& host, unsigned short port, const std::string& method,
-                           const std::string& target,
-                           std::chrono::milliseconds timeout = std::chrono::seconds(2),
-                           const std::string& body = {}, const std::string& credentials = {});
-
-/// \brief Sends descriptor 1 (printf included) to a temporary file until text() is called.
-class StdoutCapture {
-public:
-    StdoutCapture();
-    ~StdoutCapture();
-    StdoutCapture(const StdoutCapture&) = delete;
-    StdoutCapture& operator=(const StdoutCapture&) = delete;
-    /// Everything written since construction; standard output is back in place afterwards.
-    std::string text();
-
-private:
-    std::FILE* file_;
-    int saved_;
-};
-
-/// What call() writes to standard output.
-std::string capturedOutput(const std::function<void()>& call);
-
-/// The text of a log without its colour sequences.
-std::string withoutColours(const std::string& text);
-
 /// Polls until a POST "/get" with the engine's credentials answers 200.
 bool waitForEngine(unsigned short port, std::chrono::milliseconds timeout);
+/// \brief Standard output (printf included) from its construction until text().
+class StdoutCapture {
+public:
+    StdoutCapture() { testing::internal::CaptureStdout(); }
+    ~StdoutCapture() { text(); }
+    std::string text() {
+        if (!captured_)
+            captured_ = testing::internal::GetCapturedStdout();
+        return *captured_;
+    }
+
+private:
+    std::optional<std::string> captured_;
+};
+inline std::string capturedOutput(const std::function<void()>& call) {
+    StdoutCapture capture;
+    return call(), capture.text();
+}
+/// The text of a log without its colour sequences.
+std::string withoutColours(const std::string& text);
 
 }  // namespace vlm::test
