@@ -45,7 +45,7 @@ TEST(Json, Calls) {
         {"1", [](Document&) { Value v(rapidjson::StringRef("x")); setString(v, "abc", 3, true, nullptr, 64); return text(v); }, "null", "rapidjson: SetStringRaw(abc): error: allocator((nil)) missing or max_length(64) == 0\n"},
         {"", [](Document& d) { d.max_length = 31; parseString(d, R"("abc")"); return text(d) + std::to_string(d.GetAllocator().Size()); }, R"("abc"32)", ""},
         {"", [](Document& d) { Document s; parseString(s, R"("abc")"); copyValue(d, s, &d.GetAllocator(), 31); return std::to_string(d.GetAllocator().Size()); }, "32", ""},
-        {"", [](Document& d) { d.GetAllocator().allocationProhibited = true; bool ok; capturedOutput([&] { ok = parseString(d, R"({"a":"bc"})"); }); return std::to_string(ok) + text(d); }, R"(1{"a":"bc"})", ""},
+        {"", [](Document& d) { d.GetAllocator().allocationProhibited = true; const bool ok = parseString(d, R"({"a":"bc"})"); return std::to_string(ok) + text(d); }, R"(1{"a":"bc"})", "rapidjson: SetStringRaw(a): error: allocation prohibited\n..."},
         {"[]", [](Document& d) { const bool ok = parseString(d, (S(513, '[') + S(513, ']')).c_str()); return std::to_string(ok) + text(d); }, "0[]", ""},  // stack-safe depth
         // clang-format on
     };
@@ -53,7 +53,10 @@ TEST(Json, Calls) {
         Document document;
         parseString(document, json);
         S got;
-        EXPECT_EQ(capturedOutput([&, &call = call] { got = call(document); }), said) << json;
+        const S out = capturedOutput([&, &call = call] { got = call(document); });
+        // "..." ends a message whose figures depend on what else the process holds.
+        const bool cut = said.size() > 3 && said.compare(said.size() - 3, 3, "...") == 0;
+        EXPECT_EQ(cut ? out.substr(0, said.size() - 3) + "..." : out, said) << json;
         EXPECT_EQ(got, result) << json;
     }
 }
