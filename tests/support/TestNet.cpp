@@ -83,6 +83,10 @@ int TestNet::run(const std::string& host, const std::string& command, std::strin
     return runShell(script({"run", name_, host, "sh", "-c", command}, true), output);
 }
 
+int TestNet::avahi(const std::string& host, const std::string& action) const {
+    return runShell(script({"avahi", name_, host, action}, true), nullptr);
+}
+
 std::unique_ptr<Child> TestNet::start(const std::string& host,
                                       const std::vector<std::string>& args) const {
     std::vector<std::string> all{"run", name_, host};

@@ -36,6 +36,9 @@ public:
     /// Standard output and error go to *output when given.
     int run(const std::string& host, const std::string& command,
             std::string* output = nullptr) const;
+    /// The host's avahi-daemon killed (SIGKILL) with "kill", or started again with "start",
+    /// which returns once it runs; the exit status.
+    int avahi(const std::string& host, const std::string& action) const;
     /// Starts a program on host; the Child ends it (SIGKILL) when destroyed.
     std::unique_ptr<Child> start(const std::string& host,
                                  const std::vector<std::string>& args) const;
