@@ -2,6 +2,7 @@
 // in zeroconf_host_tool, Avahi's own tools are the other side.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sstream>
 
 #include "ProgramsOnHost.h"
@@ -81,8 +82,8 @@ protected:
 
 // Our registration as seen elsewhere: escapes, subtype, TXT order (Avahi alone reverses it); our
 // browser reads it once (not per transport) and hears the goodbye. A resolve Avahi gives up on
-// (null names) is one line, with sockets above 1023 (select broke there); so is a killed daemon,
-// after which a browse is refused as ServiceNotRunning.
+// (null names) is one line, and is tried again, with sockets above 1023 (select broke there); a
+// killed daemon is said once, and a new browse is refused as ServiceNotRunning.
 TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSeesThem) {
     Child& browser =
         tool("b", {"browse", "_http._tcp", "_ravenna", "a.local."}, "OPEN_DESCRIPTORS=1100");
@@ -108,15 +109,15 @@ TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSees
               (std::vector<std::string>{add[1], "a.local.", net.address("a")}));
     stop(service);
     ASSERT_TRUE(eventually([&] { return !reports(browser, "remove").empty(); }, 5s));
-    std::this_thread::sleep_for(1s);  // what Avahi reports on the second transport
+    ASSERT_TRUE(eventually([&] { return errors() >= 2; }, 10s)) << log(browser);
     EXPECT_EQ(reports(browser, "add").size(), 1u);
     EXPECT_EQ(reports(browser, "remove").size(), 1u);
-    // Two lines: the failed resolve, and the address found at the debug level.
-    EXPECT_EQ(count(log(browser), "zeroconf_category"), 2u) << log(browser);
+    // Beside the failed resolves: the address found at the debug level.
+    EXPECT_EQ(count(log(browser), "zeroconf_category") - errors(), 1u) << log(browser);
     EXPECT_EQ(browser.errors() + service.errors(), "");  // Avahi's compatibility warning
 
-    ASSERT_EQ(net.run("b", "kill -9 $(cat /run/avahi-daemon/pid)"), 0);
-    EXPECT_TRUE(eventually([&] { return errors() > 1; })) << log(browser);
+    ASSERT_EQ(net.avahi("b", "kill"), 0);
+    EXPECT_TRUE(eventually([&] { return count(log(browser), "DNS-SD daemon lost (-65537)"); }));
     stop(browser);
     // Without a daemon a new browse is refused as DNS-SD callers expect: ServiceNotRunning.
     Child& late = tool("b", {"browse", "_x._tcp"});
@@ -141,9 +142,92 @@ TEST_F(ZeroconfNetwork, TakenNameIsAConflictAndNeverRenamed) {
         for (const std::string viewer : {"a", "b"})
             EXPECT_TRUE(seen(viewer, "_http._tcp", "Taken\\032", false))
                 << view(viewer, "_http._tcp");
+        // A daemon restart neither revives the registration nor breaks its owner.
+        ASSERT_EQ(net.avahi(host, "kill") + net.avahi(host, "start"), 0);
+        std::this_thread::sleep_for(3s);
         stop(service);
         EXPECT_EQ(reports(service, "status").size(), 1u);
     }
 }
+
+struct Restart {
+    const char* name;
+    std::chrono::seconds down;
+    int times;
+    friend void PrintTo(const Restart& row, std::ostream* out) { *out << row.name; }
+};
+class DaemonRestart : public ZeroconfNetwork, public ::testing::WithParamInterface<Restart> {
+protected:
+    static std::size_t entries(pid_t pid, const char* folder) {
+        const std::string path = "/proc/" + std::to_string(pid) + "/" + folder;
+        return std::distance(std::filesystem::directory_iterator(path), {});
+    }
+};
+
+// Both hosts' daemons killed and started again: the engine's announcement is back in its own
+// host's daemon, a server announced since is reported, one withdrawn meanwhile is removed 10 s
+// after the return, and nothing is kept per restart. Faults: nothing opened again, a
+// registration opened again without its TXT, a server never (or too late) removed, a
+// descriptor or thread left behind, a crash on stop.
+TEST_P(DaemonRestart, AnnouncementAndBrowseComeBack) {
+    vlm::test::EngineOnHost engine(net, "a", 18090, true);
+    ASSERT_TRUE(engine.announced()) << engine.log();
+    const pid_t engine_pid = engine.engineChildren().at(0);
+    Child& browser = tool("b", {"browse", "_http._tcp", "_ravenna"});
+    auto publish = [&](int i) {
+        return &tool("a",
+                     {"--subtype=_ravenna._sub._http._tcp", "S" + std::to_string(i), "_http._tcp",
+                      "4000", "master:1"},
+                     "", "avahi-publish-service");
+    };
+    auto reported = [&](const std::string& kind, const std::string& name) -> long long {
+        for (const auto& fields : reports(browser, kind))
+            if (fields.at(2) == name)
+                return std::stoll(fields[0]);
+        return 0;
+    };
+    Child* server = publish(0);
+    ASSERT_TRUE(eventually([&] { return reported("add", "S0") && reported("add", "_velmor_a"); }))
+        << log(browser);
+    const std::size_t counts[] = {entries(browser.pid(), "fd"), entries(browser.pid(), "task"),
+                                  entries(engine_pid, "fd"), entries(engine_pid, "task")};
+    std::chrono::steady_clock::time_point back;
+    for (int i = 1; i <= GetParam().times; ++i) {
+        ASSERT_EQ(net.avahi("b", "kill"), 0);
+        server->kill(SIGTERM);  // its goodbye is lost on b
+        ASSERT_EQ(net.avahi("a", "kill"), 0);
+        std::this_thread::sleep_for(GetParam().down);
+        EXPECT_EQ(count(log(browser), "DNS-SD daemon lost"), static_cast<std::size_t>(i));
+        ASSERT_EQ(net.avahi("a", "start") + net.avahi("b", "start"), 0);
+        back = std::chrono::steady_clock::now();
+        server = publish(i);
+        auto within10s = [&](const std::function<bool()>& done) {
+            return eventually(done, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                        back + 10s - std::chrono::steady_clock::now()));
+        };
+        const std::string own = resolved("_velmor_a", "a", 18090) + "\"master:1\"";
+        EXPECT_TRUE(within10s([&] { return count(view("a", "_http._tcp"), own) == 1; }))
+            << view("a", "_http._tcp") << engine.log();
+        EXPECT_TRUE(within10s([&] { return reported("add", "S" + std::to_string(i)); }))
+            << log(browser);
+    }
+    const std::string last = "S" + std::to_string(GetParam().times - 1);
+    ASSERT_TRUE(eventually([&] { return reported("remove", last); }, 20s)) << log(browser);
+    const auto after = std::chrono::nanoseconds(reported("remove", last)) - back.time_since_epoch();
+    EXPECT_TRUE(after > 8s && after < 14s) << after.count();
+    EXPECT_EQ(reports(browser, "remove").size(), static_cast<std::size_t>(GetParam().times));
+    EXPECT_TRUE(eventually([&] {
+        const std::size_t now[] = {entries(browser.pid(), "fd"), entries(browser.pid(), "task"),
+                                   entries(engine_pid, "fd"), entries(engine_pid, "task")};
+        return std::equal(now, now + 4, counts);
+    })) << counts[0]
+        << ' ' << counts[1] << ' ' << counts[2] << ' ' << counts[3];
+    stop(browser);
+}
+
+INSTANTIATE_TEST_SUITE_P(Zeroconf, DaemonRestart,
+                         ::testing::Values(Restart{"FiveTimesFor2s", 2s, 5},
+                                           Restart{"OnceFor30s", 30s, 1}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
