@@ -27,7 +27,10 @@ const fake_dnssd::control& fake = fake_dnssd::control::get();
 constexpr std::uint32_t kAdd = 2;
 const char* kRegtype = "_http._tcp,_ravenna";
 const char* kError = "zeroconf_category: errorCode = -65563\n";
-const std::string kAdded = "add 5 _velmor_a _http._tcp. a.local. 10.0.0.1 8080 [master:1]";
+std::string added(const std::string& name = "_velmor_a") {
+    return "add 5 " + name + " _http._tcp. a.local. 10.0.0.1 8080 [master:1]";
+}
+const std::string kAdded = added();
 
 int threads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
@@ -92,7 +95,9 @@ class Zeroconf : public ::testing::Test {
 public:
     void SetUp() override {
         fake.reset();
-        client = zeroconf::client::create(5);
+        // The designed waits, but for the retries: 50 ms, and 300 ms to report again.
+        client = zeroconf::client::create(
+            5, boost::make_shared<zeroconf::clock>(100ms, 5min, 50ms, 300ms, 50ms));
         without_client = threads() - 1;  // a sanitizer may have started a thread of its own
     }
     void TearDown() override {
@@ -105,6 +110,7 @@ public:
         browser = client->create_browser(filter, "_http._tcp", "_ravenna", listener, reconfirm);
     }
     void announce(const char* name, std::uint32_t flags = kAdd, std::uint32_t index = 5) {
+        ASSERT_TRUE(fake.wait_open("DNSServiceBrowse", kRegtype, 5000));  // opened again
         ASSERT_EQ(fake.browse_event(kRegtype, flags, index, 0, name, "_http._tcp.", "local."), 0);
     }
     // Answers the oldest open resolve of name: "a.local." port 8080, TXT "master:1".
@@ -183,9 +189,11 @@ struct Stage {
 class ErrorAtEachStage : public Zeroconf, public ::testing::WithParamInterface<Stage> {};
 
 // Avahi's error answers carry null names (once read before the code: a crash): each error is
-// one log line, the listener hears nothing and the next announcement is still served.
+// one log line and the listener hears nothing; a browse is opened again, a failed resolve is
+// tried again while its instance is announced, and the next announcement is served.
 TEST_P(ErrorAtEachStage, IsLoggedAndDiscoveryGoesOn) {
     const std::string stage = GetParam().name;
+    const bool retried = stage == "resolve" || stage == "query";
     browse();
     hosts = client->create_hostname_browser("h.local.", listener);
     if (stage == "browse")
@@ -207,8 +215,11 @@ TEST_P(ErrorAtEachStage, IsLoggedAndDiscoveryGoesOn) {
     EXPECT_TRUE(log.wait(GetParam().line, GetParam().times));
     fake.reset();
     settled();
-    chain();
-    EXPECT_EQ(settled(1), Lines{kAdded});
+    if (retried)
+        resolve("_velmor_x"), address();
+    else
+        chain();
+    EXPECT_EQ(settled(1), Lines{added(retried ? "_velmor_x" : "_velmor_a")});
     EXPECT_EQ(log.count(GetParam().line), GetParam().times);
 }
 
@@ -224,6 +235,34 @@ INSTANTIATE_TEST_SUITE_P(
                             "9, 0x"},
                       Stage{"full_name_without_a_dot", "exception in DNSServiceProcessResult\n"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// The daemon's loss (to Avahi's library: an error answer to every browse and registration) is
+// said once and retried quietly; on its return the registration comes back as it was, TXT
+// too, the browse reports again, and what it no longer reports is removed. A resolve it ended
+// is not tried again by itself.
+TEST_F(Zeroconf, DaemonLostAndBack) {
+    browse();
+    service = client->create_service("s", "_t._tcp", 80, {}, {"a=1"}, [](int) {});
+    const std::string registered = fake.last("DNSServiceRegister");
+    chain("_velmor_old");
+    announce("_velmor_r");
+    settled(1);
+    fake.fail("DNSServiceBrowse", -65563), fake.fail("DNSServiceRegister", -65563);
+    fake.browse_event(kRegtype, 0, 0, -65537, nullptr, nullptr, nullptr);
+    fake.register_answer("s", 0, -65537, "s", nullptr, nullptr);
+    fake.resolve_answer("_velmor_r", 0, 0, -65537, nullptr, nullptr, 0, 0, nullptr);
+    EXPECT_TRUE(log.wait("zeroconf_category: DNS-SD daemon lost (-65537); browses and"));
+    std::this_thread::sleep_for(300ms);  // a few tries
+    EXPECT_EQ(log.count("\n"), 4u) << log.text();
+    fake.reset();
+    EXPECT_TRUE(log.wait("DNS-SD daemon is back: browses and registrations opened again\n"));
+    EXPECT_TRUE(eventually([&] { return fake.last("DNSServiceRegister") == registered; }));
+    chain();
+    Lines seen = settled(4);
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(seen, (Lines{kAdded, added("_velmor_old"), "remove 5 _velmor_old _http._tcp.",
+                           "remove 5 _velmor_r _http._tcp."}));
+}
 
 // A server that left while its resolve was under way must never be reported (the agent
 // attached to it); a withdrawal on another interface, or an earlier one, changes nothing.
