@@ -1,10 +1,8 @@
-// The zeroconf library's side of the network tests and benchmarks, run on a test host so that it
-// talks to that host's Avahi. Reports on standard output as "@kind<TAB>fields", among the log:
-//   @ready <poll thread id> | @add <ns> <interface> <name> <type> <host> <address> <port> [txt...]
-//   @remove <ns> <interface> <name> <type> | @host <interface> <name> <address> | @status <state>
-//   @cpu <process ns> <poll thread ns> (on SIGUSR2)
-// Modes: browse TYPE [SUBTYPE [HOST]] | register NAME TYPE PORT SUBTYPE|- [TXT...]
-//        browsers COUNT TYPE (0: a bare client)
+// The zeroconf library on a test host, for the network tests and benchmarks. Reports "@kind<TAB>
+// fields" among the log: @ready <poll thread id> | @add <ns> <interface> <name> <type> <host>
+// <address> <port> [txt...] | @remove <ns> <interface> <name> <type> | @host <interface> <name>
+// <address> | @status <state> | @cpu <process ns> <poll thread ns> (on SIGUSR2). Modes: browse
+// TYPE [SUBTYPE [HOST]] | register NAME TYPE PORT SUBTYPE|- [TXT...] | browsers COUNT TYPE.
 // OPEN_DESCRIPTORS=n opens n descriptors first, raising the soft limit as needed.
 #include <dirent.h>
 #include <fcntl.h>
