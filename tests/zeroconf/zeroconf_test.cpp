@@ -261,6 +261,12 @@ TEST_F(Zeroconf, DaemonLostAndBack) {
     std::sort(seen.begin(), seen.end());
     EXPECT_EQ(seen, (Lines{kAdded, added("_velmor_old"), "remove 5 _velmor_old _http._tcp.",
                            "remove 5 _velmor_r _http._tcp."}));
+    announce("_velmor_w");  // its resolve fails, and it leaves before the retry
+    ASSERT_TRUE(fake.wait_open("DNSServiceResolve", "_velmor_w", 5000));
+    fake.resolve_answer("_velmor_w", 0, 0, -65537, nullptr, nullptr, 0, 0, nullptr);
+    announce("_velmor_w", 0);
+    ASSERT_TRUE(fake.wait_idle(5000));
+    EXPECT_FALSE(fake.wait_open("DNSServiceResolve", "_velmor_w", 300));
     std::atomic<bool> dropped{false};
     service.reset();
     listener->on_add = [&] { browser.reset(), client.reset(), dropped = true; };
