@@ -147,18 +147,19 @@ public:
     boost::shared_ptr<zeroconf::hostname_browser> hosts;
 };
 
-// Wrong DNS-SD call arguments, an escape left in a name, a chain left open; host answers: IPv4
-// text, empty text for IPv6, another host's answer ignored, removal.
+// Wrong DNS-SD call arguments, an escape left in a name, a withdrawal on another interface taken
+// for this one; host answers: IPv4 text, empty text for IPv6, another host's ignored, removal.
 TEST_F(Zeroconf, CallsMadeAndWhatTheListenerGets) {
     browse("", true);
-    chain("My\\.Box");
+    announce("My\\.Box"), announce("My\\.Box", 0, 6);  // left elsewhere: still reported here
+    resolve("My\\.Box"), address();
     service = client->create_service("studio", "_http._tcp", 8080, {"_ravenna", "_x"},
                                      {"a", "", "bc"}, [](int) {});
     hosts = client->create_hostname_browser("h.local.", listener);
     answer_host("h.local.", "10.0.0.2"), answer_host("h.local.", "fe80::2");
     answer_host("other.local.", "10.0.0.2"), answer_host("h.local.", "10.0.0.2", 0);
     auto other = client->create_browser("", "_http._tcp", "local.", "", listener, false);
-    settled(4);
+    settled(5);
     const std::pair<const char*, const char*> calls[] = {
         // flags, interface, the rest in order
         {"DNSServiceBrowse", "262144 0 _http._tcp local."},
@@ -170,11 +171,11 @@ TEST_F(Zeroconf, CallsMadeAndWhatTheListenerGets) {
     for (const auto& call : calls)
         EXPECT_EQ(fake.last(call.first), call.second);
     announce("My\\.Box", 0);  // remove names the instance as DNS-SD did
-    Lines seen = settled(5);
+    Lines seen = settled(6);
     std::sort(seen.begin(), seen.end());
     EXPECT_EQ(seen, (Lines{"add 5 My.Box _http._tcp. a.local. 10.0.0.1 8080 [master:1]",
                            "gone 5 h.local.", "host 5 h.local. ", "host 5 h.local. 10.0.0.2",
-                           "remove 5 My\\.Box _http._tcp."}));
+                           "remove 5 My\\.Box _http._tcp.", "remove 6 My\\.Box _http._tcp."}));
     EXPECT_EQ(log.count("Hostname Resolved h.local. -> \x02"), 1u);
     EXPECT_EQ(log.count("a.local. seems out dated -> force daemon to verify"), 1u);
 }
