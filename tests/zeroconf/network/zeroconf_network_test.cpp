@@ -216,6 +216,8 @@ TEST_P(DaemonRestart, AnnouncementAndBrowseComeBack) {
     const auto after = std::chrono::nanoseconds(reported("remove", last)) - back.time_since_epoch();
     EXPECT_TRUE(after > 8s && after < 14s) << after.count();
     EXPECT_EQ(reports(browser, "remove").size(), static_cast<std::size_t>(GetParam().times));
+    EXPECT_EQ(count(engine.log(), "announced again once the DNS-SD daemon answers"),
+              static_cast<std::size_t>(GetParam().times));
     EXPECT_TRUE(eventually([&] { return usage() == before; })) << before << usage();
     stop(browser);
 }
