@@ -22,7 +22,7 @@ std::ostream& operator<<(std::ostream& out, const text& t) {
 }
 std::ostream& operator<<(std::ostream& out, const bytes& b) {
     for (unsigned char byte : b)
-        out << "0123456789abcdef"[byte >> 4] << "0123456789abcdef"[byte & 15];
+        out << std::hex << (byte >> 4) << (byte & 15) << std::dec;
     return out;
 }
 template <typename... Args>
@@ -53,21 +53,19 @@ FAKE int DNSSD_API DNSServiceRefSockFD(Ref ref) {
     return !ref || !ref->open ? -1 : ref->fd;
 }
 FAKE Error DNSSD_API DNSServiceProcessResult(Ref ref) {
-    std::function<void(Ref)> reply;
-    {
-        lock hold(shared().mutex);
-        std::uint64_t count = 0;
-        if (!ref || !ref->open)
-            return ref ? -65541 : -65540;
-        if (ref->pending.empty() || read(ref->fd, &count, sizeof(count)) != sizeof(count))
-            return 0;
-        reply = std::move(ref->pending.front());
-        ref->pending.pop_front();
-        ++shared().delivering, shared().dispatching = ref;
-        shared().dispatcher = std::this_thread::get_id();
-    }
-    reply(ref);  // unlocked: callbacks open and close operations
     lock hold(shared().mutex);
+    std::uint64_t count = 0;
+    if (!ref || !ref->open)
+        return ref ? -65541 : -65540;
+    if (ref->pending.empty() || read(ref->fd, &count, sizeof(count)) != sizeof(count))
+        return 0;
+    auto reply = std::move(ref->pending.front());
+    ref->pending.pop_front();
+    ++shared().delivering, shared().dispatching = ref;
+    shared().dispatcher = std::this_thread::get_id();
+    hold.unlock();
+    reply(ref);  // unlocked: callbacks open and close operations
+    hold.lock();
     --shared().delivering, shared().dispatching = nullptr;
     shared().changed.notify_all();
     return 0;

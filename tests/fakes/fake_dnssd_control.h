@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -29,7 +30,6 @@ struct _DNSServiceRef_t {
 
 namespace fake_dnssd {
 
-using ms = std::chrono::milliseconds;
 struct state {
     std::mutex mutex;
     std::condition_variable changed;
@@ -42,12 +42,15 @@ struct state {
 };
 state& shared();  // the fake library's own
 using lock = std::unique_lock<std::mutex>;
+using u16 = std::uint16_t;
+using u32 = std::uint32_t;
+using i32 = std::int32_t;
+using cstr = const char*;
 
 // Copies of the arguments: text keeps its null-ness (Avahi's error answers have null names).
 using text = std::optional<std::string>;
 using bytes = std::vector<unsigned char>;
-using address = std::optional<sockaddr_in6>;
-inline text copy(const char* s) {
+inline text copy(cstr s) {
     return s ? text(s) : std::nullopt;
 }
 inline bytes copy(const void* data, std::size_t size) {
@@ -57,25 +60,25 @@ template <typename T>
 const T& unwrap(const T& value) {
     return value;
 }
-inline const char* unwrap(const text& t) {
+inline cstr unwrap(const text& t) {
     return t ? t->c_str() : nullptr;
 }
 inline const unsigned char* unwrap(const bytes& b) {
     return b.empty() ? nullptr : b.data();
 }
-inline const sockaddr* unwrap(const address& a) {
+inline const sockaddr* unwrap(const std::optional<sockaddr_in6>& a) {
     return a ? (const sockaddr*)&*a : nullptr;
 }
 
-inline DNSServiceRef find_open(const char* function, const char* key) {
+inline DNSServiceRef find_open(cstr function, cstr key) {
     for (const auto& operation : shared().operations)
-        if (operation->open && operation->function == function && (!key || operation->key == key))
+        if (operation->open && operation->function == function && operation->key == key)
             return operation.get();
     return nullptr;
 }
 // Queues a call of the operation's callback with args (unwrapped) and its context.
 template <typename Reply, typename... Args>
-int answer(const char* function, const char* key, Args... args) {
+int answer(cstr function, cstr key, Args... args) {
     lock hold(shared().mutex);
     DNSServiceRef operation = find_open(function, key);
     std::uint64_t one = 1;
@@ -86,42 +89,37 @@ int answer(const char* function, const char* key, Args... args) {
     });
     return 0;
 }
-
-using u16 = std::uint16_t;
-using u32 = std::uint32_t;
-using i32 = std::int32_t;
-using cstr = const char*;
+template <typename Ready>
+bool wait_for(int timeout_ms, Ready ready) {
+    lock hold(shared().mutex);
+    return shared().changed.wait_for(hold, std::chrono::milliseconds(timeout_ms), ready);
+}
 
 struct control {
     void reset() const {
         lock hold(shared().mutex);
         shared().failures.clear(), shared().calls.clear();
     }
-    // Later calls of function fail with error (0: succeed again).
+    // Later calls of function fail with error.
     void fail(cstr function, i32 error) const {
         lock hold(shared().mutex);
         shared().failures[function] = error;
     }
-    int wait_open(cstr function, cstr key, int timeout_ms) const {
-        lock hold(shared().mutex);
-        return shared().changed.wait_for(hold, ms(timeout_ms),
-                                         [&] { return find_open(function, key); });
+    bool wait_open(cstr function, cstr key, int timeout_ms) const {
+        return wait_for(timeout_ms, [&] { return find_open(function, key); });
     }
-    int open_count(cstr function) const {
-        lock hold(shared().mutex);
-        int count = 0;
-        for (const auto& operation : shared().operations)
-            count += operation->open && (!function || operation->function == function);
-        return count;
+    bool wait_closed(int timeout_ms) const {
+        return wait_for(timeout_ms, [] {
+            return std::none_of(shared().operations.begin(), shared().operations.end(),
+                                [](const auto& operation) { return operation->open; });
+        });
     }
     // Every queued answer delivered, its callback returned.
-    int wait_idle(int timeout_ms) const {
-        lock hold(shared().mutex);
-        return shared().changed.wait_for(hold, ms(timeout_ms), [] {
-            for (const auto& operation : shared().operations)
-                if (operation->open && !operation->pending.empty())
-                    return false;
-            return shared().delivering == 0;
+    bool wait_idle(int timeout_ms) const {
+        return wait_for(timeout_ms, [] {
+            return shared().delivering == 0 &&
+                   std::none_of(shared().operations.begin(), shared().operations.end(),
+                                [](const auto& operation) { return !operation->pending.empty(); });
         });
     }
     int browse_event(cstr regtype, u32 flags, u32 index, i32 error, cstr name, cstr type,
@@ -141,15 +139,14 @@ struct control {
                                                   error, copy(answer_name), rrtype, rrclass,
                                                   u16(data ? length : 0), copy(data, length), ttl);
     }
-    int register_answer(cstr name, u32 flags, i32 error, cstr answer_name, cstr type,
-                        cstr domain) const {
-        return answer<DNSServiceRegisterReply>("DNSServiceRegister", name, flags, error,
-                                               copy(answer_name), copy(type), copy(domain));
+    int register_answer(cstr name, i32 error) const {
+        return answer<DNSServiceRegisterReply>("DNSServiceRegister", name, 0u, error,
+                                               copy(error ? nullptr : name),
+                                               copy(error ? nullptr : "_t._tcp."), text("local."));
     }
     // An IPv4 or IPv6 address as text; null: no address structure.
-    int address_answer(cstr hostname, u32 flags, u32 index, i32 error, cstr answer_host,
-                       cstr address_text) const {
-        address a;
+    int address_answer(cstr key, u32 flags, i32 error, cstr host, cstr address_text) const {
+        std::optional<sockaddr_in6> a;
         if (address_text) {
             const bool v6 = std::strchr(address_text, ':');
             a = sockaddr_in6{};
@@ -157,8 +154,8 @@ struct control {
             inet_pton(a->sin6_family, address_text,
                       v6 ? (void*)&a->sin6_addr : &((sockaddr_in*)&*a)->sin_addr);
         }
-        return answer<DNSServiceGetAddrInfoReply>("DNSServiceGetAddrInfo", hostname, flags, index,
-                                                  error, copy(answer_host), a, u32(0));
+        return answer<DNSServiceGetAddrInfoReply>("DNSServiceGetAddrInfo", key, flags, 5u, error,
+                                                  copy(host), a, u32(0));
     }
     // The arguments of the last call of function; empty when there was none.
     std::string last(cstr function) const {

@@ -30,8 +30,6 @@ const char* kError = "zeroconf_category: errorCode = -65563\n";
 std::string added(const std::string& name = "_velmor_a") {
     return "add 5 " + name + " _http._tcp. a.local. 10.0.0.1 8080 [master:1]";
 }
-const std::string kAdded = added();
-
 int threads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
@@ -40,14 +38,11 @@ int threads() {
 struct Log {
     Log() : saved(dup(1)) { std::fflush(stdout), dup2(mkstemp(path), 1); }
     ~Log() { std::fflush(stdout), dup2(saved, 1), close(saved), std::remove(path); }
-    std::string text() const {
-        std::fflush(stdout);
-        return vlm::test::readFile(path);
-    }
     std::size_t count(const std::string& line) const {
+        std::fflush(stdout);
         std::size_t found = 0, at = 0;
-        for (std::string all = text(); (at = all.find(line, at)) != std::string::npos; ++at)
-            ++found;
+        for (std::string all = vlm::test::readFile(path); (at = all.find(line, at)) != all.npos;)
+            ++found, ++at;
         return found;
     }
     bool wait(const std::string& line, std::size_t times = 1) const {
@@ -103,7 +98,7 @@ public:
     void TearDown() override {
         browser.reset(), service.reset(), hosts.reset(), client.reset();
         // Every operation ends with its object, and the poll thread with its client.
-        EXPECT_TRUE(eventually([] { return fake.open_count(nullptr) == 0; }));
+        EXPECT_TRUE(fake.wait_closed(5000));
         EXPECT_TRUE(eventually([&] { return threads() == without_client; }));
     }
     void browse(const std::string& filter = "", bool reconfirm = false) {
@@ -125,8 +120,7 @@ public:
     void address() {
         ASSERT_TRUE(fake.wait_idle(5000));
         ASSERT_TRUE(fake.wait_open("DNSServiceQueryRecord", "a.local.", 5000));
-        const unsigned char ip[] = {10, 0, 0, 1};
-        ASSERT_EQ(fake.query_answer("a.local.", kAdd, 5, 0, "a.local.", 1, 1, 4, ip, 9), 0);
+        ASSERT_EQ(fake.query_answer("a.local.", kAdd, 5, 0, "a.local.", 1, 1, 4, "\n\0\0\1", 9), 0);
     }
     void chain(const char* name = "_velmor_a") { announce(name), resolve(name), address(); }
     Lines settled(std::size_t count = 0) {
@@ -135,7 +129,7 @@ public:
         return listener->seen();
     }
     void answer_host(const char* host, const char* address, std::uint32_t flags = kAdd) {
-        fake.address_answer("h.local.", flags, 5, 0, host, address);
+        fake.address_answer("h.local.", flags, 0, host, address);
     }
 
     Log log;
@@ -181,8 +175,7 @@ TEST_F(Zeroconf, CallsMadeAndWhatTheListenerGets) {
 }
 
 struct Stage {
-    const char* name;
-    const char* line;
+    const char *name, *line;
     std::size_t times = 1;
     friend void PrintTo(const Stage& stage, std::ostream* out) { *out << stage.name; }
 };
@@ -199,7 +192,7 @@ TEST_P(ErrorAtEachStage, IsLoggedAndDiscoveryGoesOn) {
     if (stage == "browse")
         fake.browse_event(kRegtype, 0, 0, -65563, nullptr, nullptr, nullptr);
     else if (stage == "address")
-        fake.address_answer("h.local.", 0, 0, -65563, nullptr, nullptr);
+        fake.address_answer("h.local.", 0, -65563, nullptr, nullptr);
     else {
         if (stage.find("_refused") != std::string::npos)
             fake.fail(stage == "resolve_refused" ? "DNSServiceResolve" : "DNSServiceQueryRecord",
@@ -249,18 +242,18 @@ TEST_F(Zeroconf, DaemonLostAndBack) {
     settled(1);
     fake.fail("DNSServiceBrowse", -65563), fake.fail("DNSServiceRegister", -65563);
     fake.browse_event(kRegtype, 0, 0, -65537, nullptr, nullptr, nullptr);
-    fake.register_answer("s", 0, -65537, "s", nullptr, nullptr);
+    fake.register_answer("s", -65537);
     fake.resolve_answer("_velmor_r", 0, 0, -65537, nullptr, nullptr, 0, 0, nullptr);
     EXPECT_TRUE(log.wait("zeroconf_category: DNS-SD daemon lost (-65537); browses and"));
     std::this_thread::sleep_for(300ms);  // a few tries
-    EXPECT_EQ(log.count("\n"), 4u) << log.text();
+    EXPECT_EQ(log.count("\n"), 4u);
     fake.reset();
     EXPECT_TRUE(log.wait("DNS-SD daemon is back: browses and registrations opened again\n"));
     EXPECT_TRUE(eventually([&] { return fake.last("DNSServiceRegister") == registered; }));
     chain();
     Lines seen = settled(4);
     std::sort(seen.begin(), seen.end());
-    EXPECT_EQ(seen, (Lines{kAdded, added("_velmor_old"), "remove 5 _velmor_old _http._tcp.",
+    EXPECT_EQ(seen, (Lines{added(), added("_velmor_old"), "remove 5 _velmor_old _http._tcp.",
                            "remove 5 _velmor_r _http._tcp."}));
     announce("_velmor_w");  // its resolve fails, and it leaves before the retry
     ASSERT_TRUE(fake.wait_open("DNSServiceResolve", "_velmor_w", 5000));
@@ -292,8 +285,8 @@ TEST_F(Zeroconf, NameFilterKeepsTheLastAnnouncementAndResolvesOutliveTheBrowser)
         address();
         if (!*filter)  // ends the other instance's resolve
             fake.resolve_answer("_velmor_b", 0, 0, -65563, nullptr, nullptr, 0, 0, nullptr);
-        EXPECT_EQ(settled(*filter ? 1 : 2), Lines(*filter ? 1 : 2, kAdded)) << filter;
-        ASSERT_TRUE(eventually([] { return fake.open_count(nullptr) == 0; }));
+        EXPECT_EQ(settled(*filter ? 1 : 2), Lines(*filter ? 1 : 2, added())) << filter;
+        ASSERT_TRUE(fake.wait_closed(5000));
     }
 }
 
@@ -307,16 +300,16 @@ TEST_F(Zeroconf, RegistrationOutcomesAndRefusedOperations) {
     for (const auto& [name, error, outcome, line] : rows) {
         std::atomic<int> state{0};
         service = client->create_service(name, "_t._tcp", 80, {}, {}, [&](int s) { state = s; });
-        fake.register_answer(name.c_str(), 0, error, nullptr, nullptr, nullptr);
+        fake.register_answer(name.c_str(), error);
         EXPECT_TRUE(eventually([&, outcome = outcome] { return state == outcome; })) << name;
-        EXPECT_EQ(line ? log.count(line) : log.text().size(), line ? 1u : 0u);
+        EXPECT_EQ(log.count(line ? line : "\n"), line ? 1u : 0u);
         service.reset();
     }
     EXPECT_EQ(
         log.count("service name \"" + std::string(64, 'n') + "\" is too long(64) should be < 64"),
         1u);
     service = client->create_service("x", "_t._tcp", 80, {}, {}, {});
-    fake.register_answer("x", 0, 0, "x", "_t._tcp.", "local.");
+    fake.register_answer("x", 0);
     EXPECT_TRUE(log.wait("exception in DNSServiceProcessResult\n"));
     const std::size_t lines = log.count("\n");
     fake.fail("DNSServiceBrowse", -65563), fake.fail("DNSServiceRegister", -65548);
@@ -335,14 +328,11 @@ TEST_F(Zeroconf, RegistrationOutcomesAndRefusedOperations) {
 // 512 operations are all served; the 513th ends the poll thread.
 TEST_F(Zeroconf, Serves512OperationsAndNoMore) {
     std::vector<boost::shared_ptr<zeroconf::hostname_browser>> open;
-    for (int i = 0; i < 513; ++i) {
-        if (i == 512) {
-            fake.address_answer("h511", kAdd, 5, 0, "h511", nullptr);
-            EXPECT_EQ(settled(1), Lines{"host 5 h511 "});
-            EXPECT_EQ(log.count("fdset too small"), 0u);
-        }
+    for (int i = 0; i < 512; ++i)
         open.push_back(client->create_hostname_browser("h" + std::to_string(i), listener));
-    }
+    fake.address_answer("h511", kAdd, 0, "h511", nullptr);
+    EXPECT_EQ(settled(1), Lines{"host 5 h511 "});
+    open.push_back(client->create_hostname_browser("h512", listener));
     EXPECT_TRUE(log.wait("fdset too small\n"));
     EXPECT_TRUE(eventually([&] { return threads() == without_client; }));
 }
@@ -359,7 +349,7 @@ TEST_F(Zeroconf, OperationsComeAndGoWhileThePollThreadDispatches) {
                 std::this_thread::sleep_for(2ms);
             });
             auto b = client->create_browser("", name, "", listener, false);
-            fake.register_answer(name.c_str(), 0, 0, "x", "_t._tcp.", "local.");
+            fake.register_answer(name.c_str(), 0);
             fake.browse_event(name.c_str(), 0, 5, 0, "x", "_t._tcp.", "local.");
             EXPECT_TRUE(eventually([&] { return entered.load(); }));
         }
@@ -377,8 +367,8 @@ TEST(TxtRecord, EncodingAndParsing) {
     full.push_back(std::string(126, 'y'));  // 32,767 bytes encoded
     const std::pair<Lines, std::string> encoded[] = {{{"abc", "", "de"}, "\3abc\2de"},
                                                      {{}, ""},
-                                                     {{std::string(127, 'x')}, "\177" + full[0]},
-                                                     {{std::string(128, 'x')}, ""}};
+                                                     {{full[0]}, "\177" + full[0]},
+                                                     {{full[0] + 'x'}, ""}};
     for (const auto& [entries, bytes] : encoded) {
         zeroconf::dns_txt_records record(entries);
         EXPECT_EQ(std::string((const char*)record.data(), record.length()), bytes);
@@ -403,7 +393,7 @@ TEST(TxtRecord, EncodingAndParsing) {
     }
 }
 
-// Instance names end at the first unescaped dot; "\." "\\" and "\DDD" are undone.
+// Instance names end at the first unescaped dot; "\." "\\" and "\DDD" are undone; null: refused.
 TEST(InstanceName, CutAndUnescaped) {
     const std::pair<const char*, const char*> rows[] = {
         {"a.b._http._tcp.", "a"}, {"a\\.b._http", "a.b"},

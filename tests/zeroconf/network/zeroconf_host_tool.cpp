@@ -10,8 +10,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <fstream>
+#include <iostream>
 #include <mutex>
 #include <sstream>
 
@@ -29,8 +30,7 @@ void report(const char* kind, const Fields&... fields) {
     line << '@' << kind;
     ((line << '\t' << fields), ...);
     std::lock_guard<std::mutex> hold(mutex);
-    std::printf("%s\n", line.str().c_str());
-    std::fflush(stdout);
+    std::cout << line.str() << std::endl;
 }
 
 long long ns(clockid_t clock) {
@@ -61,7 +61,7 @@ struct Printer : zeroconf::browser_listener, zeroconf::hostname_listener {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
+    const std::vector<std::string> args(argv + 1, argv + argc);
     if (const char* count = std::getenv("OPEN_DESCRIPTORS")) {
         rlimit limit{};
         getrlimit(RLIMIT_NOFILE, &limit);
@@ -85,36 +85,30 @@ int main(int argc, char** argv) {
     closedir(tasks);
     auto printer = boost::make_shared<Printer>();
     std::vector<boost::shared_ptr<void>> operations;
-    const std::string mode = args.empty() ? "" : args[0];
-    if (mode == "browse" && args.size() >= 2) {
-        operations.push_back(
-            client->create_browser("", args[1], args.size() > 2 ? args[2] : "", printer, false));
+    auto arg = [&](std::size_t i) { return i < args.size() ? args[i] : ""; };
+    if (arg(0) == "browse" && args.size() >= 2) {
+        operations.push_back(client->create_browser("", args[1], arg(2), printer, false));
         if (args.size() > 3)
             operations.push_back(client->create_hostname_browser(args[3], printer));
-    } else if (mode == "register" && args.size() >= 5) {
-        std::vector<std::string> subtypes, txt(args.begin() + 5, args.end());
-        if (args[4] != "-")
-            subtypes.push_back(args[4]);
+    } else if (arg(0) == "register" && args.size() >= 5) {
+        const std::vector<std::string> subtypes(args[4] == "-" ? 0 : 1, args[4]);
         operations.push_back(client->create_service(args[1], args[2], std::stoi(args[3]), subtypes,
-                                                    txt,
+                                                    {args.begin() + 5, args.end()},
                                                     [](int state) { report("status", state); }));
-    } else if (mode == "browsers" && args.size() == 3) {
+    } else if (arg(0) == "browsers" && args.size() == 3) {
         for (int i = std::stoi(args[1]); i > 0; --i)
             operations.push_back(client->create_browser("", args[2], "", printer, false));
     } else {
-        std::fputs("usage: see the opening comment of zeroconf_host_tool.cpp\n", stderr);
+        std::cerr << "usage: see the opening comment of zeroconf_host_tool.cpp\n";
         return 2;
     }
-    for (const auto& operation : operations)
-        if (!operation)
-            return 1;
+    if (std::count(operations.begin(), operations.end(), nullptr))
+        return 1;
     report("ready", poll_thread);
 
     for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
-        if (sigwait(&signals, &signal) != 0)
-            continue;
         long long poll_ns = -1;
-        if (signal == SIGUSR2 &&
+        if (sigwait(&signals, &signal) == 0 && signal == SIGUSR2 &&
             std::ifstream("/proc/self/task/" + poll_thread + "/schedstat") >> poll_ns)
             report("cpu", ns(CLOCK_PROCESS_CPUTIME_ID), poll_ns);
     }

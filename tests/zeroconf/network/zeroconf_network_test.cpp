@@ -41,13 +41,12 @@ protected:
     void SetUp() override { ASSERT_TRUE(net.ok()) << net.error(); }
     void TearDown() override { children.clear(); }  // before the hosts go
 
-    // zeroconf_host_tool on host, once it is ready; or another program (program set).
-    Child& tool(const std::string& host, std::vector<std::string> args, const std::string& env = "",
-                const std::string& program = "") {
-        args.insert(args.begin(),
-                    program.empty() ? vlm::test::buildDir() + "/zeroconf_host_tool" : program);
-        args.insert(args.begin(), {"env", "-u", "VELMOR_DNSSD_LIBRARY",
-                                   env.empty() ? "VELMOR_ON_TEST_HOST=1" : env});
+    // zeroconf_host_tool on host, or an Avahi tool (args start with it), once it is ready.
+    Child& tool(const std::string& host, std::vector<std::string> args,
+                const std::string& env = "VELMOR_ON_TEST_HOST=1") {
+        if (args[0].rfind("avahi-", 0) != 0)
+            args.insert(args.begin(), vlm::test::buildDir() + "/zeroconf_host_tool");
+        args.insert(args.begin(), {"env", "-u", "VELMOR_DNSSD_LIBRARY", env});
         children.push_back(net.start(host, args));
         Child& child = *children.back();
         EXPECT_TRUE(eventually([&] {
@@ -71,6 +70,11 @@ protected:
         return "=;eth0;IPv4;" + name + ";_http._tcp;local;" + host + ".local;" + net.address(host) +
                ";" + std::to_string(port) + ";";
     }
+    std::string status(const Child& service) const {  // the first status reported
+        eventually([&] { return !reports(service, "status").empty(); });
+        auto all = reports(service, "status");
+        return all.empty() ? log(service) : all[0].at(0);
+    }
     void stop(Child& child) {
         child.kill(SIGTERM);
         EXPECT_EQ(child.wait(10s), 0) << log(child);
@@ -87,15 +91,13 @@ protected:
 TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSeesThem) {
     Child& browser =
         tool("b", {"browse", "_http._tcp", "_ravenna", "a.local."}, "OPEN_DESCRIPTORS=1100");
-    tool("a",
-         {"-H", "ghost.local", "--subtype=_ravenna._sub._http._tcp", "Ghost", "_http._tcp", "4000"},
-         "", "avahi-publish-service");
+    tool("a", {"avahi-publish-service", "-H", "ghost.local", "--subtype=_ravenna._sub._http._tcp",
+               "Ghost", "_http._tcp", "4000"});
     auto errors = [&] { return count(log(browser), "zeroconf_category: errorCode = "); };
     ASSERT_TRUE(eventually([&] { return errors() == 1; })) << log(browser);
     Child& service = tool(
         "a", {"register", "Odd.Name\\x", "_http._tcp", "9123", "_ravenna", "master:1", "", "x=y"});
-    ASSERT_TRUE(eventually([&] { return !reports(service, "status").empty(); })) << log(service);
-    EXPECT_EQ(reports(service, "status")[0], std::vector<std::string>{"3"});
+    EXPECT_EQ(status(service), "3");
     const std::string line = resolved("Odd\\.Name\\\\x", "a", 9123);
     ASSERT_TRUE(seen("b", "_ravenna._sub._http._tcp", line)) << view("b", "_http._tcp");
     EXPECT_EQ(count(view("b", "_ravenna._sub._http._tcp"), line + "\"master:1\" \"x=y\"\n"), 1u);
@@ -129,13 +131,11 @@ TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSees
 // A name taken on another host or on the same one: a conflict, reported once, and the name Avahi
 // picked instead ("Taken #2") is never left on the network.
 TEST_F(ZeroconfNetwork, TakenNameIsAConflictAndNeverRenamed) {
-    tool("a", {"Taken", "_http._tcp", "1234"}, "", "avahi-publish-service");
+    tool("a", {"avahi-publish-service", "Taken", "_http._tcp", "1234"});
     ASSERT_TRUE(seen("b", "_http._tcp", resolved("Taken", "a", 1234)));
     for (const std::string host : {"b", "a"}) {
         Child& service = tool(host, {"register", "Taken", "_http._tcp", "4321", "-"});
-        ASSERT_TRUE(eventually([&] { return !reports(service, "status").empty(); }))
-            << log(service);
-        EXPECT_EQ(reports(service, "status")[0], std::vector<std::string>{"2"}) << host;
+        EXPECT_EQ(status(service), "2") << host;
         EXPECT_NE(log(service).find("bonjour_service failed name collision (-65548)"),
                   std::string::npos);
         std::this_thread::sleep_for(2s);  // a withdrawn record lingers up to 1 s
@@ -170,18 +170,16 @@ TEST_P(DaemonRestart, AnnouncementAndBrowseComeBack) {
     auto usage = [&, pids = {browser.pid(), engine.engineChildren().at(0)}] {
         std::string text;  // descriptors and threads of each
         for (pid_t pid : pids)
-            for (const char* folder : {"/fd", "/task"})
-                text += std::to_string(std::distance(std::filesystem::directory_iterator(
-                                                         "/proc/" + std::to_string(pid) + folder),
-                                                     {})) +
-                        ' ';
+            for (const char* folder : {"/fd", "/task"}) {
+                std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) +
+                                                            folder);
+                text += std::to_string(std::distance(entries, {})) + ' ';
+            }
         return text;
     };
     auto publish = [&](int i) {
-        return &tool(
-            "a",
-            {"--subtype=_ravenna._sub._http._tcp", "S" + std::to_string(i), "_http._tcp", "4000"},
-            "", "avahi-publish-service");
+        return &tool("a", {"avahi-publish-service", "--subtype=_ravenna._sub._http._tcp",
+                           "S" + std::to_string(i), "_http._tcp", "4000"});
     };
     auto reported = [&](const std::string& kind, const std::string& name) -> long long {
         for (const auto& fields : reports(browser, kind))
