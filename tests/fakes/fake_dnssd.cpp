@@ -17,9 +17,6 @@ __attribute__((visibility("default"))) state& fake_dnssd::shared() {
 }
 
 namespace {
-std::ostream& operator<<(std::ostream& out, const text& t) {
-    return out << t.value_or("(null)");
-}
 std::ostream& operator<<(std::ostream& out, const bytes& b) {
     for (unsigned char byte : b)
         out << std::hex << (byte >> 4) << (byte & 15) << std::dec;
@@ -83,35 +80,35 @@ FAKE Error DNSSD_API DNSServiceRegister(Ref* ref, DNSServiceFlags flags, u32 int
                                         cstr type, cstr domain, cstr host, u16 port, u16 length,
                                         const void* txt, DNSServiceRegisterReply callback,
                                         void* context) {
-    return open(ref, "DNSServiceRegister", name, callback, context, flags, interface, copy(name),
-                copy(type), copy(domain), copy(host), ntohs(port), copy(txt, length));
+    return open(ref, "DNSServiceRegister", name, callback, context, flags, interface, text(name),
+                text(type), text(domain), text(host), ntohs(port), bytes(txt, length));
 }
 FAKE Error DNSSD_API DNSServiceBrowse(Ref* ref, DNSServiceFlags flags, u32 interface, cstr type,
                                       cstr domain, DNSServiceBrowseReply callback, void* context) {
-    return open(ref, "DNSServiceBrowse", type, callback, context, flags, interface, copy(type),
-                copy(domain));
+    return open(ref, "DNSServiceBrowse", type, callback, context, flags, interface, text(type),
+                text(domain));
 }
 FAKE Error DNSSD_API DNSServiceResolve(Ref* ref, DNSServiceFlags flags, u32 interface, cstr name,
                                        cstr type, cstr domain, DNSServiceResolveReply callback,
                                        void* context) {
-    return open(ref, "DNSServiceResolve", name, callback, context, flags, interface, copy(name),
-                copy(type), copy(domain));
+    return open(ref, "DNSServiceResolve", name, callback, context, flags, interface, text(name),
+                text(type), text(domain));
 }
 FAKE Error DNSSD_API DNSServiceQueryRecord(Ref* ref, DNSServiceFlags flags, u32 interface,
                                            cstr name, u16 type, u16 rrclass,
                                            DNSServiceQueryRecordReply callback, void* context) {
-    return open(ref, "DNSServiceQueryRecord", name, callback, context, flags, interface, copy(name),
+    return open(ref, "DNSServiceQueryRecord", name, callback, context, flags, interface, text(name),
                 type, rrclass);
 }
 FAKE Error DNSSD_API DNSServiceReconfirmRecord(DNSServiceFlags flags, u32 interface, cstr name,
                                                u16 type, u16 rrclass, u16 length,
                                                const void* data) {
-    return record("DNSServiceReconfirmRecord", flags, interface, copy(name), type, rrclass,
-                  copy(data, length));
+    return record("DNSServiceReconfirmRecord", flags, interface, text(name), type, rrclass,
+                  bytes(data, length));
 }
 FAKE Error DNSSD_API DNSServiceGetAddrInfo(Ref* ref, DNSServiceFlags flags, u32 interface,
                                            DNSServiceProtocol protocol, cstr host,
                                            DNSServiceGetAddrInfoReply callback, void* context) {
     return open(ref, "DNSServiceGetAddrInfo", host, callback, context, flags, interface, protocol,
-                copy(host));
+                text(host));
 }

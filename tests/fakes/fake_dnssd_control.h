@@ -1,8 +1,7 @@
 #pragma once
-// The fake DNS-SD library as tests drive it (they link it; the zeroconf table loads it through
-// VELMOR_DNSSD_LIBRARY). An answer goes to the oldest open operation of that function with that
-// key (a browse's regtype, a resolve's or registration's name, a query's full name, an address
-// query's host name), delivered when the poll thread calls DNSServiceProcessResult.
+// The fake DNS-SD library as tests drive it (also loaded through VELMOR_DNSSD_LIBRARY). An answer
+// goes to the oldest open operation of its function and key (regtype, name, full or host name),
+// delivered when the poll thread calls DNSServiceProcessResult.
 #include <arpa/inet.h>
 #include <unistd.h>
 
@@ -47,28 +46,22 @@ using u32 = std::uint32_t;
 using i32 = std::int32_t;
 using cstr = const char*;
 
-// Copies of the arguments: text keeps its null-ness (Avahi's error answers have null names).
-using text = std::optional<std::string>;
-using bytes = std::vector<unsigned char>;
-inline text copy(cstr s) {
-    return s ? text(s) : std::nullopt;
-}
-inline bytes copy(const void* data, std::size_t size) {
-    return data ? bytes((const unsigned char*)data, (const unsigned char*)data + size) : bytes();
-}
-template <typename T>
-const T& unwrap(const T& value) {
-    return value;
-}
-inline cstr unwrap(const text& t) {
-    return t ? t->c_str() : nullptr;
-}
-inline const unsigned char* unwrap(const bytes& b) {
-    return b.empty() ? nullptr : b.data();
-}
-inline const sockaddr* unwrap(const std::optional<sockaddr_in6>& a) {
-    return a ? (const sockaddr*)&*a : nullptr;
-}
+// Copies of the arguments that keep their null-ness (Avahi's error answers have null names).
+struct text : std::optional<std::string> {
+    text(cstr s) : optional(s ? optional(s) : std::nullopt) {}
+    operator cstr() const { return has_value() ? value().c_str() : nullptr; }
+    friend std::ostream& operator<<(std::ostream& out, const text& t) {
+        return out << t.value_or("(null)");
+    }
+};
+struct bytes : std::string {  // null when empty
+    bytes(const void* data, std::size_t size)
+        : basic_string(data ? (cstr)data : "", data ? size : 0) {}
+    template <typename T>
+    operator const T*() const {
+        return empty() ? nullptr : (const T*)data();
+    }
+};
 
 inline DNSServiceRef find_open(cstr function, cstr key) {
     for (const auto& operation : shared().operations)
@@ -76,7 +69,7 @@ inline DNSServiceRef find_open(cstr function, cstr key) {
             return operation.get();
     return nullptr;
 }
-// Queues a call of the operation's callback with args (unwrapped) and its context.
+// Queues a call of the operation's callback with args and its context.
 template <typename Reply, typename... Args>
 int answer(cstr function, cstr key, Args... args) {
     lock hold(shared().mutex);
@@ -85,7 +78,7 @@ int answer(cstr function, cstr key, Args... args) {
     if (!operation || write(operation->fd, &one, sizeof(one)) != sizeof(one))
         return -1;
     operation->pending.push_back([=](DNSServiceRef ref) {
-        reinterpret_cast<Reply>(ref->callback)(ref, unwrap(args)..., ref->context);
+        reinterpret_cast<Reply>(ref->callback)(ref, args..., ref->context);
     });
     return 0;
 }
@@ -125,37 +118,36 @@ struct control {
     int browse_event(cstr regtype, u32 flags, u32 index, i32 error, cstr name, cstr type,
                      cstr domain) const {
         return answer<DNSServiceBrowseReply>("DNSServiceBrowse", regtype, flags, index, error,
-                                             copy(name), copy(type), copy(domain));
+                                             text(name), text(type), text(domain));
     }
     int resolve_answer(cstr name, u32 flags, u32 index, i32 error, cstr fullname, cstr host,
                        u16 port_network_order, u16 txt_length, const unsigned char* txt) const {
         return answer<DNSServiceResolveReply>("DNSServiceResolve", name, flags, index, error,
-                                              copy(fullname), copy(host), port_network_order,
-                                              u16(txt ? txt_length : 0), copy(txt, txt_length));
+                                              text(fullname), text(host), port_network_order,
+                                              u16(txt ? txt_length : 0), bytes(txt, txt_length));
     }
     int query_answer(cstr fullname, u32 flags, u32 index, i32 error, cstr answer_name, u16 rrtype,
                      u16 rrclass, u16 length, const void* data, u32 ttl) const {
         return answer<DNSServiceQueryRecordReply>("DNSServiceQueryRecord", fullname, flags, index,
-                                                  error, copy(answer_name), rrtype, rrclass,
-                                                  u16(data ? length : 0), copy(data, length), ttl);
+                                                  error, text(answer_name), rrtype, rrclass,
+                                                  u16(data ? length : 0), bytes(data, length), ttl);
     }
     int register_answer(cstr name, i32 error) const {
         return answer<DNSServiceRegisterReply>("DNSServiceRegister", name, 0u, error,
-                                               copy(error ? nullptr : name),
-                                               copy(error ? nullptr : "_t._tcp."), text("local."));
+                                               text(error ? nullptr : name),
+                                               text(error ? nullptr : "_t._tcp."), text("local."));
     }
     // An IPv4 or IPv6 address as text; null: no address structure.
     int address_answer(cstr key, u32 flags, i32 error, cstr host, cstr address_text) const {
-        std::optional<sockaddr_in6> a;
-        if (address_text) {
-            const bool v6 = std::strchr(address_text, ':');
-            a = sockaddr_in6{};
-            a->sin6_family = v6 ? AF_INET6 : AF_INET;
-            inet_pton(a->sin6_family, address_text,
-                      v6 ? (void*)&a->sin6_addr : &((sockaddr_in*)&*a)->sin_addr);
-        }
-        return answer<DNSServiceGetAddrInfoReply>("DNSServiceGetAddrInfo", key, flags, 5u, error,
-                                                  copy(host), a, u32(0));
+        sockaddr_in6 a{};
+        const bool v6 = address_text && std::strchr(address_text, ':');
+        a.sin6_family = v6 ? AF_INET6 : AF_INET;
+        if (address_text)
+            inet_pton(a.sin6_family, address_text,
+                      v6 ? (void*)&a.sin6_addr : &((sockaddr_in*)&a)->sin_addr);
+        return answer<DNSServiceGetAddrInfoReply>(
+            "DNSServiceGetAddrInfo", key, flags, 5u, error, text(host),
+            bytes(address_text ? &a : nullptr, sizeof(a)), u32(0));
     }
     // The arguments of the last call of function; empty when there was none.
     std::string last(cstr function) const {

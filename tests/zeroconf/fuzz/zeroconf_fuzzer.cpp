@@ -1,6 +1,5 @@
-// libFuzzer targets, one per build of this file: the TXT record parser checked against the
-// encoder (TXT_RECORD_FUZZER), or cutting a DNS-SD full name's instance part and undoing its
-// escapes.
+// libFuzzer targets, one per build: the TXT parser against the encoder (TXT_RECORD_FUZZER), or a
+// full name's instance part cut and unescaped.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

@@ -1,16 +1,17 @@
-// The zeroconf library on a test host, for the network tests and benchmarks. Reports "@kind<TAB>
-// fields" among the log: @ready <poll thread id> | @add <ns> <interface> <name> <type> <host>
-// <address> <port> [txt...] | @remove <ns> <interface> <name> <type> | @host <interface> <name>
-// <address> | @status <state> | @cpu <process ns> <poll thread ns> (on SIGUSR2). Modes: browse
-// TYPE [SUBTYPE [HOST]] | register NAME TYPE PORT SUBTYPE|- [TXT...] | browsers COUNT TYPE.
-// OPEN_DESCRIPTORS=n opens n descriptors first, raising the soft limit as needed.
-#include <dirent.h>
+// The library on a test host for network tests and benchmarks: browse TYPE [SUBTYPE [HOST]] |
+// register NAME TYPE PORT SUBTYPE|- [TXT...] | browsers COUNT TYPE. Reports "@kind\tfields": ready
+// <poll thread> | add <ns> <if> <name> <type> <host> <address> <port> [txt...] | remove <ns> <if>
+// <name> <type> | host <if> <name> <address> | status <state> | cpu <ns> <poll ns> (on SIGUSR2).
+// OPEN_DESCRIPTORS=n opens n descriptors first.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <mutex>
@@ -33,24 +34,18 @@ void report(const char* kind, const Fields&... fields) {
     std::cout << line.str() << std::endl;
 }
 
-long long ns(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return now.tv_sec * 1000000000LL + now.tv_nsec;
-}
-
 struct Printer : zeroconf::browser_listener, zeroconf::hostname_listener {
+    static auto ns() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
     void add(std::uint32_t index, const char* name, const char* type, const char* host,
              const char* address, std::uint16_t port,
              const std::vector<std::string>& txt) override {
         std::string entries;
         for (const std::string& entry : txt)
             entries += '\t' + entry;
-        report("add", ns(CLOCK_MONOTONIC), index, name, type, host, address,
-               std::to_string(port) + entries);
+        report("add", ns(), index, name, type, host, address, std::to_string(port) + entries);
     }
     void remove(std::uint32_t index, const char* name, const char* type) override {
-        report("remove", ns(CLOCK_MONOTONIC), index, name, type);
+        report("remove", ns(), index, name, type);
     }
     void add(std::uint32_t index, const char* name, const char* address) override {
         report("host", index, name, address);
@@ -78,11 +73,9 @@ int main(int argc, char** argv) {
 
     auto client = zeroconf::client::create(-1);
     std::string poll_thread;  // the one thread beside the main thread so far
-    DIR* tasks = opendir("/proc/self/task");
-    while (dirent* task = readdir(tasks))
-        if (task->d_name[0] != '.' && std::atoi(task->d_name) != getpid())
-            poll_thread = task->d_name;
-    closedir(tasks);
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+        if (task.path().filename() != std::to_string(getpid()))
+            poll_thread = task.path().filename();
     auto printer = boost::make_shared<Printer>();
     std::vector<boost::shared_ptr<void>> operations;
     auto arg = [&](std::size_t i) { return i < args.size() ? args[i] : ""; };
@@ -110,7 +103,7 @@ int main(int argc, char** argv) {
         long long poll_ns = -1;
         if (sigwait(&signals, &signal) == 0 && signal == SIGUSR2 &&
             std::ifstream("/proc/self/task/" + poll_thread + "/schedstat") >> poll_ns)
-            report("cpu", ns(CLOCK_PROCESS_CPUTIME_ID), poll_ns);
+            report("cpu", std::clock() * (1000000000LL / CLOCKS_PER_SEC), poll_ns);
     }
     return 0;  // the operations end before their client
 }
