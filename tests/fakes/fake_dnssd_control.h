@@ -28,7 +28,6 @@ struct _DNSServiceRef_t {
 };
 
 namespace fake_dnssd {
-
 struct state {
     std::mutex mutex;
     std::condition_variable changed;
@@ -43,7 +42,6 @@ state& shared();  // the fake library's own
 using lock = std::unique_lock<std::mutex>;
 using u16 = std::uint16_t;
 using u32 = std::uint32_t;
-using i32 = std::int32_t;
 using cstr = const char*;
 
 // Copies of the arguments that keep their null-ness (Avahi's error answers have null names).
@@ -62,7 +60,6 @@ struct bytes : std::string {  // null when empty
         return empty() ? nullptr : (const T*)data();
     }
 };
-
 inline DNSServiceRef find_open(cstr function, cstr key) {
     for (const auto& operation : shared().operations)
         if (operation->open && operation->function == function && operation->key == key)
@@ -93,8 +90,7 @@ struct control {
         lock hold(shared().mutex);
         shared().failures.clear(), shared().calls.clear();
     }
-    // Later calls of function fail with error.
-    void fail(cstr function, i32 error) const {
+    void fail(cstr function, int error) const {  // later calls
         lock hold(shared().mutex);
         shared().failures[function] = error;
     }
@@ -115,30 +111,30 @@ struct control {
                                 [](const auto& operation) { return !operation->pending.empty(); });
         });
     }
-    int browse_event(cstr regtype, u32 flags, u32 index, i32 error, cstr name, cstr type,
+    int browse_event(cstr regtype, u32 flags, u32 index, int error, cstr name, cstr type,
                      cstr domain) const {
         return answer<DNSServiceBrowseReply>("DNSServiceBrowse", regtype, flags, index, error,
                                              text(name), text(type), text(domain));
     }
-    int resolve_answer(cstr name, u32 flags, u32 index, i32 error, cstr fullname, cstr host,
+    int resolve_answer(cstr name, u32 flags, u32 index, int error, cstr fullname, cstr host,
                        u16 port_network_order, u16 txt_length, const unsigned char* txt) const {
         return answer<DNSServiceResolveReply>("DNSServiceResolve", name, flags, index, error,
                                               text(fullname), text(host), port_network_order,
                                               u16(txt ? txt_length : 0), bytes(txt, txt_length));
     }
-    int query_answer(cstr fullname, u32 flags, u32 index, i32 error, cstr answer_name, u16 rrtype,
+    int query_answer(cstr fullname, u32 flags, u32 index, int error, cstr answer_name, u16 rrtype,
                      u16 rrclass, u16 length, const void* data, u32 ttl) const {
         return answer<DNSServiceQueryRecordReply>("DNSServiceQueryRecord", fullname, flags, index,
                                                   error, text(answer_name), rrtype, rrclass,
                                                   u16(data ? length : 0), bytes(data, length), ttl);
     }
-    int register_answer(cstr name, i32 error) const {
+    int register_answer(cstr name, int error) const {
         return answer<DNSServiceRegisterReply>("DNSServiceRegister", name, 0u, error,
                                                text(error ? nullptr : name),
                                                text(error ? nullptr : "_t._tcp."), text("local."));
     }
     // An IPv4 or IPv6 address as text; null: no address structure.
-    int address_answer(cstr key, u32 flags, i32 error, cstr host, cstr address_text) const {
+    int address_answer(cstr key, u32 flags, int error, cstr host, cstr address_text) const {
         sockaddr_in6 a{};
         const bool v6 = address_text && std::strchr(address_text, ':');
         a.sin6_family = v6 ? AF_INET6 : AF_INET;
@@ -159,5 +155,4 @@ struct control {
         return instance;
     }
 };
-
 }  // namespace fake_dnssd

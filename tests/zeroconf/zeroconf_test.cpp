@@ -17,10 +17,10 @@ using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 using vlm::test::eventually;
 namespace fs = std::filesystem;
+using namespace fake_dnssd;  // cstr, u32
 namespace {
-
-const fake_dnssd::control& fake = fake_dnssd::control::get();
-constexpr std::uint32_t kAdd = 2;
+const control& fake = control::get();
+constexpr u32 kAdd = 2;
 const char* kRegtype = "_http._tcp,_ravenna";
 const char* kError = "zeroconf_category: errorCode = -65563\n";
 
@@ -44,8 +44,8 @@ struct Log {
 
 // Every call of both listeners, as one line of text.
 struct Listener : zeroconf::browser_listener, zeroconf::hostname_listener {
-    void add(std::uint32_t index, const char* name, const char* type, const char* host,
-             const char* address, std::uint16_t port, const Lines& txt) override {
+    void add(u32 index, cstr name, cstr type, cstr host, cstr address, u16 port,
+             const Lines& txt) override {
         std::string entries;
         for (const std::string& entry : txt)
             entries += " [" + entry + ']';
@@ -53,13 +53,9 @@ struct Listener : zeroconf::browser_listener, zeroconf::hostname_listener {
         if (on_add)
             on_add();
     }
-    void remove(std::uint32_t index, const char* name, const char* type) override {
-        record("remove", index, name, type);
-    }
-    void add(std::uint32_t i, const char* host, const char* address) override {
-        record("host", i, host, address);
-    }
-    void remove(std::uint32_t index, const char* host) override { record("gone", index, host); }
+    void remove(u32 i, cstr name, cstr type) override { record("remove", i, name, type); }
+    void add(u32 i, cstr host, cstr address) override { record("host", i, host, address); }
+    void remove(u32 i, cstr host) override { record("gone", i, host); }
     template <typename... Parts>
     void record(const Parts&... parts) {
         std::ostringstream line;
@@ -98,7 +94,7 @@ public:
     void browse(const std::string& filter = "", bool reconfirm = false) {
         browser = client->create_browser(filter, "_http._tcp", "_ravenna", listener, reconfirm);
     }
-    void announce(const char* name, std::uint32_t flags = kAdd, std::uint32_t index = 5) {
+    void announce(const char* name, u32 flags = kAdd, u32 index = 5) {
         ASSERT_TRUE(fake.wait_open("DNSServiceBrowse", kRegtype, 5000));  // opened again
         ASSERT_EQ(fake.browse_event(kRegtype, flags, index, 0, name, "_http._tcp.", "local."), 0);
     }
@@ -116,15 +112,15 @@ public:
         ASSERT_EQ(fake.query_answer("a.local.", kAdd, 5, 0, "a.local.", 1, 1, 4, "\n\0\0\1", 9), 0);
     }
     void chain(const char* name = "_velmor_a") { announce(name), resolve(name), address(); }
-    Lines settled(std::size_t count = 0) {
+    Lines settled(std::size_t count = 0) {  // in order of their text
         EXPECT_TRUE(eventually([&] { return listener->seen().size() >= count; }));
         EXPECT_TRUE(fake.wait_idle(5000));
-        return listener->seen();
+        Lines seen = listener->seen();
+        return std::sort(seen.begin(), seen.end()), seen;
     }
-    void answer_host(const char* host, const char* address, std::uint32_t flags = kAdd) {
+    void answer_host(const char* host, const char* address, u32 flags = kAdd) {
         fake.address_answer("h.local.", flags, 0, host, address);
     }
-
     Log log;
     int without_client = 0;
     boost::shared_ptr<Listener> listener = boost::make_shared<Listener>();
@@ -148,8 +144,7 @@ TEST_F(Zeroconf, CallsMadeAndWhatTheListenerGets) {
     auto other = client->create_browser("", "_http._tcp", "local.", "", listener, false);
     settled(5);
     const std::pair<const char*, const char*> calls[] = {
-        // flags, interface, the rest in order
-        {"DNSServiceBrowse", "262144 0 _http._tcp local."},
+        {"DNSServiceBrowse", "262144 0 _http._tcp local."},        // flags, interface, the rest
         {"DNSServiceResolve", "2 5 My\\.Box _http._tcp. local."},  // the browse event's flags
         {"DNSServiceQueryRecord", "0 5 a.local. 1 1"},
         {"DNSServiceReconfirmRecord", "2048 5 a.local. 1 1 0a000001"},
@@ -158,11 +153,10 @@ TEST_F(Zeroconf, CallsMadeAndWhatTheListenerGets) {
     for (const auto& call : calls)
         EXPECT_EQ(fake.last(call.first), call.second);
     announce("My\\.Box", 0);  // remove names the instance as DNS-SD did
-    Lines seen = settled(6);
-    std::sort(seen.begin(), seen.end());
-    EXPECT_EQ(seen, (Lines{"add 5 My.Box _http._tcp. a.local. 10.0.0.1 8080 [master:1]",
-                           "gone 5 h.local.", "host 5 h.local. ", "host 5 h.local. 10.0.0.2",
-                           "remove 5 My\\.Box _http._tcp.", "remove 6 My\\.Box _http._tcp."}));
+    EXPECT_EQ(settled(6),
+              (Lines{"add 5 My.Box _http._tcp. a.local. 10.0.0.1 8080 [master:1]",
+                     "gone 5 h.local.", "host 5 h.local. ", "host 5 h.local. 10.0.0.2",
+                     "remove 5 My\\.Box _http._tcp.", "remove 6 My\\.Box _http._tcp."}));
     EXPECT_EQ(log.count("Hostname Resolved h.local. -> \x02"), 1u);
     EXPECT_EQ(log.count("a.local. seems out dated -> force daemon to verify"), 1u);
 }
@@ -200,10 +194,7 @@ TEST_P(ErrorAtEachStage, IsLoggedAndDiscoveryGoesOn) {
     EXPECT_TRUE(log.wait(GetParam().line, GetParam().times));
     fake.reset();
     settled();
-    if (retried)
-        resolve("_velmor_x"), address();
-    else
-        chain();
+    retried ? (resolve("_velmor_x"), address()) : chain();
     EXPECT_EQ(settled(1), Lines{added(retried ? "_velmor_x" : "_velmor_a")});
     EXPECT_EQ(log.count(GetParam().line), GetParam().times);
 }
@@ -242,10 +233,8 @@ TEST_F(Zeroconf, DaemonLostAndBack) {
     EXPECT_TRUE(log.wait("DNS-SD daemon is back: browses and registrations opened again\n"));
     EXPECT_TRUE(eventually([&] { return fake.last("DNSServiceRegister") == registered; }));
     chain();
-    Lines seen = settled(4);
-    std::sort(seen.begin(), seen.end());
-    EXPECT_EQ(seen, (Lines{added(), added("_velmor_old"), "remove 5 _velmor_old _http._tcp.",
-                           "remove 5 _velmor_r _http._tcp."}));
+    EXPECT_EQ(settled(4), (Lines{added(), added("_velmor_old"), "remove 5 _velmor_old _http._tcp.",
+                                 "remove 5 _velmor_r _http._tcp."}));
     announce("_velmor_w");  // its resolve fails, and it leaves before the retry
     ASSERT_TRUE(fake.wait_open("DNSServiceResolve", "_velmor_w", 5000));
     fake.resolve_answer("_velmor_w", 0, 0, -65537, nullptr, nullptr, 0, 0, nullptr);
@@ -328,8 +317,7 @@ TEST_F(Zeroconf, OperationsComeAndGoWhileThePollThreadDispatches) {
             std::atomic<bool> entered{false};
             std::string name = "churn" + std::to_string(i);
             auto s = client->create_service(name, "_t._tcp", 80, {}, {}, [&](int) {
-                entered = true;
-                std::this_thread::sleep_for(2ms);
+                entered = true, std::this_thread::sleep_for(2ms);
             });
             auto b = client->create_browser("", name, "", listener, false);
             fake.register_answer(name.c_str(), 0);

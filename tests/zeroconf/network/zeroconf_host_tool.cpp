@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <mutex>
 #include <sstream>
 
 #include <boost/make_shared.hpp>
@@ -23,15 +22,12 @@
 #include "zeroconf/hostname_browser.h"
 
 namespace {
-
 template <typename... Fields>
 void report(const char* kind, const Fields&... fields) {
-    static std::mutex mutex;
     std::ostringstream line;
     line << '@' << kind;
     ((line << '\t' << fields), ...);
-    std::lock_guard<std::mutex> hold(mutex);
-    std::cout << line.str() << std::endl;
+    std::cout << line.str() + '\n' << std::flush;  // one write: threads' lines never interleave
 }
 
 struct Printer : zeroconf::browser_listener, zeroconf::hostname_listener {
@@ -52,25 +48,19 @@ struct Printer : zeroconf::browser_listener, zeroconf::hostname_listener {
     }
     void remove(std::uint32_t, const char*) override {}
 };
-
 }  // namespace
-
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
-    if (const char* count = std::getenv("OPEN_DESCRIPTORS")) {
-        rlimit limit{};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
-        for (int i = std::atoi(count); i > 0; --i)
-            open("/dev/null", O_RDONLY);
-    }
+    rlimit limit{};  // room for the OPEN_DESCRIPTORS
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max, setrlimit(RLIMIT_NOFILE, &limit);
+    const char* count = std::getenv("OPEN_DESCRIPTORS");
+    for (int i = count ? std::atoi(count) : 0; i > 0; --i)
+        open("/dev/null", O_RDONLY);
     sigset_t signals;  // every thread inherits the mask, so the signals reach sigwait below
-    sigemptyset(&signals);
-    for (int signal : {SIGTERM, SIGINT, SIGUSR2})
-        sigaddset(&signals, signal);
+    sigemptyset(&signals), sigaddset(&signals, SIGTERM), sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGUSR2);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
     auto client = zeroconf::client::create(-1);
     std::string poll_thread;  // the one thread beside the main thread so far
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
@@ -92,13 +82,11 @@ int main(int argc, char** argv) {
         for (int i = std::stoi(args[1]); i > 0; --i)
             operations.push_back(client->create_browser("", args[2], "", printer, false));
     } else {
-        std::cerr << "usage: see the opening comment of zeroconf_host_tool.cpp\n";
-        return 2;
+        return std::cerr << "usage: see the opening comment of zeroconf_host_tool.cpp\n", 2;
     }
     if (std::count(operations.begin(), operations.end(), nullptr))
         return 1;
     report("ready", poll_thread);
-
     for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
         long long poll_ns = -1;
         if (sigwait(&signals, &signal) == 0 && signal == SIGUSR2 &&

@@ -13,7 +13,6 @@ using Fields = std::vector<std::string>;
 namespace fs = std::filesystem;
 
 namespace {
-
 std::size_t count(const std::string& text, const std::string& part) {
     std::size_t found = 0, at = 0;
     for (; (at = text.find(part, at)) != std::string::npos; ++at)
@@ -38,7 +37,6 @@ protected:
     }
     void SetUp() override { ASSERT_TRUE(net.ok()) << net.error(); }
     void TearDown() override { children.clear(); }  // before the hosts go
-
     // zeroconf_host_tool on host, or an Avahi tool (args start with it), once it is ready.
     Child& tool(const std::string& host, std::vector<std::string> args,
                 const std::string& env = "VELMOR_ON_TEST_HOST=1") {
@@ -77,7 +75,6 @@ protected:
         child.kill(SIGTERM);
         EXPECT_EQ(child.wait(10s), 0) << log(child);
     }
-
     vlm::test::TestNet net{{"a", "b"}};
     std::vector<std::unique_ptr<Child>> children;
 };
@@ -97,7 +94,6 @@ TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSees
     const std::string line = resolved("Odd\\.Name\\\\x", "a", 9123);
     ASSERT_TRUE(seen("b", "_ravenna._sub._http._tcp", line)) << view("b", "_http._tcp");
     EXPECT_EQ(count(view("b", "_ravenna._sub._http._tcp"), line + "\"master:1\" \"x=y\"\n"), 1u);
-
     Fields add = first(browser, "add");
     ASSERT_EQ(add.size(), 9u) << log(browser);
     EXPECT_EQ(Fields(add.begin() + 2, add.end()),
@@ -112,7 +108,6 @@ TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSees
     // Beside the failed resolves: the address found at the debug level.
     EXPECT_EQ(count(log(browser), "zeroconf_category") - errors(), 1u) << log(browser);
     EXPECT_EQ(browser.errors() + service.errors(), "");  // Avahi's compatibility warning
-
     ASSERT_EQ(net.avahi("b", "kill"), 0);
     EXPECT_TRUE(eventually([&] { return count(log(browser), "DNS-SD daemon lost (-65537)"); }));
     stop(browser);
