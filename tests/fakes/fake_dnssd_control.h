@@ -145,7 +145,6 @@ struct control {
             "DNSServiceGetAddrInfo", key, flags, 5u, error, text(host),
             bytes(address_text ? &a : nullptr, sizeof(a)), u32(0));
     }
-    // The arguments of the last call of function; empty when there was none.
     std::string last(cstr function) const {
         lock hold(shared().mutex);
         return shared().calls[function];

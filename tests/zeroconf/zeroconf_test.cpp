@@ -87,9 +87,8 @@ public:
     }
     void TearDown() override {
         browser.reset(), service.reset(), hosts.reset(), client.reset();
-        // Every operation ends with its object, and the poll thread with its client.
-        EXPECT_TRUE(fake.wait_closed(5000));
-        EXPECT_TRUE(eventually([&] { return threads() == without_client; }));
+        EXPECT_TRUE(fake.wait_closed(5000));  // every operation ends with its object
+        EXPECT_TRUE(eventually([&] { return threads() == without_client; }));  // and the thread
     }
     void browse(const std::string& filter = "", bool reconfirm = false) {
         browser = client->create_browser(filter, "_http._tcp", "_ravenna", listener, reconfirm);

@@ -1,8 +1,9 @@
 // The library on a test host for network tests and benchmarks: browse TYPE [SUBTYPE [HOST]] |
-// register NAME TYPE PORT SUBTYPE|- [TXT...] | browsers COUNT TYPE. Reports "@kind\tfields": ready
-// <poll thread> | add <ns> <if> <name> <type> <host> <address> <port> [txt...] | remove <ns> <if>
-// <name> <type> | host <if> <name> <address> | status <state> | cpu <ns> <poll ns> (on SIGUSR2).
-// OPEN_DESCRIPTORS=n opens n descriptors first.
+// register NAME TYPE PORT SUBTYPE|- [TXT...] | browsers COUNT TYPE; OPEN_DESCRIPTORS=n opens n
+// first. Reports "@kind\tfields": ready <poll thread> | add <ns> <if> <name> <type> <host>
+// <address> <port> [txt...] | remove <ns> <if> <name> <type> | host <if> <name> <address> | status
+// <state> | cpu <ns> <poll ns> (on SIGUSR2).
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -51,21 +51,24 @@ struct Printer : zeroconf::browser_listener, zeroconf::hostname_listener {
 }  // namespace
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
-    rlimit limit{};  // room for the OPEN_DESCRIPTORS
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max, setrlimit(RLIMIT_NOFILE, &limit);
-    const char* count = std::getenv("OPEN_DESCRIPTORS");
-    for (int i = count ? std::atoi(count) : 0; i > 0; --i)
-        open("/dev/null", O_RDONLY);
+    if (const char* count = std::getenv("OPEN_DESCRIPTORS")) {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = limit.rlim_max, setrlimit(RLIMIT_NOFILE, &limit);
+        for (int i = std::atoi(count); i > 0; --i)
+            open("/dev/null", O_RDONLY);
+    }
     sigset_t signals;  // every thread inherits the mask, so the signals reach sigwait below
     sigemptyset(&signals), sigaddset(&signals, SIGTERM), sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGUSR2);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     auto client = zeroconf::client::create(-1);
     std::string poll_thread;  // the one thread beside the main thread so far
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
-        if (task.path().filename() != std::to_string(getpid()))
-            poll_thread = task.path().filename();
+    DIR* tasks = opendir("/proc/self/task");
+    while (dirent* task = readdir(tasks))
+        if (task->d_name[0] != '.' && std::atoi(task->d_name) != getpid())
+            poll_thread = task->d_name;
+    closedir(tasks);
     auto printer = boost::make_shared<Printer>();
     std::vector<boost::shared_ptr<void>> operations;
     auto arg = [&](std::size_t i) { return i < args.size() ? args[i] : ""; };
