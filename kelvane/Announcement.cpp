@@ -40,7 +40,10 @@ void logOutcome(const std::string& name, std::uint16_t port, int state) {
                     name.c_str());
             break;
         default:
-            VLM_LOG(4, "Engine: DNS-SD registration of \"%s\" failed; not announced\n",
+            // The DNS-SD daemon went away; the registration comes back with it.
+            VLM_LOG(4,
+                    "Engine: DNS-SD registration of \"%s\" lost; announced again once the DNS-SD "
+                    "daemon answers\n",
                     name.c_str());
             break;
     }

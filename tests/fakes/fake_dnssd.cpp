@@ -10,23 +10,18 @@
 using namespace fake_dnssd;
 using Ref = DNSServiceRef;
 using Error = DNSServiceErrorType;
-
+using Flags = DNSServiceFlags;
 __attribute__((visibility("default"))) state& fake_dnssd::shared() {
     static auto* instance = new state;  // never destroyed: poll threads may outlive main
     return *instance;
 }
-
-namespace {
-std::ostream& operator<<(std::ostream& out, const text& t) {
-    return out << t.value_or("(null)");
-}
-std::ostream& operator<<(std::ostream& out, const bytes& b) {
+static std::ostream& operator<<(std::ostream& out, const bytes& b) {
     for (unsigned char byte : b)
-        out << "0123456789abcdef"[byte >> 4] << "0123456789abcdef"[byte & 15];
+        out << std::hex << (byte >> 4) << (byte & 15) << std::dec;
     return out;
 }
 template <typename... Args>
-Error record(const char* function, const Args&... args) {
+static Error record(const char* function, const Args&... args) {
     std::ostringstream line;
     ((line << args << ' '), ...);
     lock hold(shared().mutex);
@@ -34,8 +29,8 @@ Error record(const char* function, const Args&... args) {
     return shared().failures.count(function) ? shared().failures[function] : 0;
 }
 template <typename Callback, typename... Args>
-Error open(Ref* ref, const char* function, const char* key, Callback callback, void* context,
-           const Args&... args) {
+static Error open(Ref* ref, const char* function, const char* key, Callback callback, void* context,
+                  const Args&... args) {
     if (Error error = record(function, args...))
         return error;
     lock hold(shared().mutex);
@@ -46,28 +41,24 @@ Error open(Ref* ref, const char* function, const char* key, Callback callback, v
     shared().changed.notify_all();
     return 0;
 }
-}  // namespace
-
 FAKE int DNSSD_API DNSServiceRefSockFD(Ref ref) {
     lock hold(shared().mutex);
     return !ref || !ref->open ? -1 : ref->fd;
 }
 FAKE Error DNSSD_API DNSServiceProcessResult(Ref ref) {
-    std::function<void(Ref)> reply;
-    {
-        lock hold(shared().mutex);
-        std::uint64_t count = 0;
-        if (!ref || !ref->open)
-            return ref ? -65541 : -65540;
-        if (ref->pending.empty() || read(ref->fd, &count, sizeof(count)) != sizeof(count))
-            return 0;
-        reply = std::move(ref->pending.front());
-        ref->pending.pop_front();
-        ++shared().delivering, shared().dispatching = ref;
-        shared().dispatcher = std::this_thread::get_id();
-    }
-    reply(ref);  // unlocked: callbacks open and close operations
     lock hold(shared().mutex);
+    std::uint64_t count = 0;
+    if (!ref || !ref->open)
+        return ref ? -65541 : -65540;
+    if (ref->pending.empty() || read(ref->fd, &count, sizeof(count)) != sizeof(count))
+        return 0;
+    auto reply = std::move(ref->pending.front());
+    ref->pending.pop_front();
+    ++shared().delivering, shared().dispatching = ref;
+    shared().dispatcher = std::this_thread::get_id();
+    hold.unlock();
+    reply(ref);  // unlocked: callbacks open and close operations
+    hold.lock();
     --shared().delivering, shared().dispatching = nullptr;
     shared().changed.notify_all();
     return 0;
@@ -81,39 +72,35 @@ FAKE void DNSSD_API DNSServiceRefDeallocate(Ref ref) {
         ref->open = false, ref->pending.clear(), close(ref->fd);
     shared().changed.notify_all();
 }
-FAKE Error DNSSD_API DNSServiceRegister(Ref* ref, DNSServiceFlags flags, u32 interface, cstr name,
-                                        cstr type, cstr domain, cstr host, u16 port, u16 length,
+FAKE Error DNSSD_API DNSServiceRegister(Ref* ref, Flags flags, u32 interface, cstr name, cstr type,
+                                        cstr domain, cstr host, u16 port, u16 length,
                                         const void* txt, DNSServiceRegisterReply callback,
                                         void* context) {
-    return open(ref, "DNSServiceRegister", name, callback, context, flags, interface, copy(name),
-                copy(type), copy(domain), copy(host), ntohs(port), copy(txt, length));
+    return open(ref, __func__, name, callback, context, flags, interface, text(name), text(type),
+                text(domain), text(host), ntohs(port), bytes(txt, length));
 }
-FAKE Error DNSSD_API DNSServiceBrowse(Ref* ref, DNSServiceFlags flags, u32 interface, cstr type,
-                                      cstr domain, DNSServiceBrowseReply callback, void* context) {
-    return open(ref, "DNSServiceBrowse", type, callback, context, flags, interface, copy(type),
-                copy(domain));
+FAKE Error DNSSD_API DNSServiceBrowse(Ref* ref, Flags flags, u32 interface, cstr type, cstr domain,
+                                      DNSServiceBrowseReply callback, void* context) {
+    return open(ref, __func__, type, callback, context, flags, interface, text(type), text(domain));
 }
-FAKE Error DNSSD_API DNSServiceResolve(Ref* ref, DNSServiceFlags flags, u32 interface, cstr name,
-                                       cstr type, cstr domain, DNSServiceResolveReply callback,
+FAKE Error DNSSD_API DNSServiceResolve(Ref* ref, Flags flags, u32 interface, cstr name, cstr type,
+                                       cstr domain, DNSServiceResolveReply callback,
                                        void* context) {
-    return open(ref, "DNSServiceResolve", name, callback, context, flags, interface, copy(name),
-                copy(type), copy(domain));
+    return open(ref, __func__, name, callback, context, flags, interface, text(name), text(type),
+                text(domain));
 }
-FAKE Error DNSSD_API DNSServiceQueryRecord(Ref* ref, DNSServiceFlags flags, u32 interface,
-                                           cstr name, u16 type, u16 rrclass,
+FAKE Error DNSSD_API DNSServiceQueryRecord(Ref* ref, Flags flags, u32 interface, cstr name,
+                                           u16 type, u16 rrclass,
                                            DNSServiceQueryRecordReply callback, void* context) {
-    return open(ref, "DNSServiceQueryRecord", name, callback, context, flags, interface, copy(name),
-                type, rrclass);
+    return open(ref, __func__, name, callback, context, flags, interface, text(name), type,
+                rrclass);
 }
-FAKE Error DNSSD_API DNSServiceReconfirmRecord(DNSServiceFlags flags, u32 interface, cstr name,
-                                               u16 type, u16 rrclass, u16 length,
-                                               const void* data) {
-    return record("DNSServiceReconfirmRecord", flags, interface, copy(name), type, rrclass,
-                  copy(data, length));
+FAKE Error DNSSD_API DNSServiceReconfirmRecord(Flags flags, u32 interface, cstr name, u16 type,
+                                               u16 rrclass, u16 length, const void* data) {
+    return record(__func__, flags, interface, text(name), type, rrclass, bytes(data, length));
 }
-FAKE Error DNSSD_API DNSServiceGetAddrInfo(Ref* ref, DNSServiceFlags flags, u32 interface,
+FAKE Error DNSSD_API DNSServiceGetAddrInfo(Ref* ref, Flags flags, u32 interface,
                                            DNSServiceProtocol protocol, cstr host,
                                            DNSServiceGetAddrInfoReply callback, void* context) {
-    return open(ref, "DNSServiceGetAddrInfo", host, callback, context, flags, interface, protocol,
-                copy(host));
+    return open(ref, __func__, host, callback, context, flags, interface, protocol, text(host));
 }

@@ -1,11 +1,11 @@
 #pragma once
-// The fake DNS-SD library as tests drive it (they link it; the zeroconf table loads it through
-// VELMOR_DNSSD_LIBRARY). An answer goes to the oldest open operation of that function with that
-// key (a browse's regtype, a resolve's or registration's name, a query's full name, an address
-// query's host name), delivered when the poll thread calls DNSServiceProcessResult.
+// The fake DNS-SD library as tests drive it (also loaded through VELMOR_DNSSD_LIBRARY). An answer
+// goes to the oldest open operation of its function and key (regtype, name, full or host name),
+// delivered when the poll thread calls DNSServiceProcessResult.
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -28,8 +28,6 @@ struct _DNSServiceRef_t {
 };
 
 namespace fake_dnssd {
-
-using ms = std::chrono::milliseconds;
 struct state {
     std::mutex mutex;
     std::condition_variable changed;
@@ -42,125 +40,111 @@ struct state {
 };
 state& shared();  // the fake library's own
 using lock = std::unique_lock<std::mutex>;
+using u16 = std::uint16_t;
+using u32 = std::uint32_t;
+using cstr = const char*;
 
-// Copies of the arguments: text keeps its null-ness (Avahi's error answers have null names).
-using text = std::optional<std::string>;
-using bytes = std::vector<unsigned char>;
-using address = std::optional<sockaddr_in6>;
-inline text copy(const char* s) {
-    return s ? text(s) : std::nullopt;
-}
-inline bytes copy(const void* data, std::size_t size) {
-    return data ? bytes((const unsigned char*)data, (const unsigned char*)data + size) : bytes();
-}
-template <typename T>
-const T& unwrap(const T& value) {
-    return value;
-}
-inline const char* unwrap(const text& t) {
-    return t ? t->c_str() : nullptr;
-}
-inline const unsigned char* unwrap(const bytes& b) {
-    return b.empty() ? nullptr : b.data();
-}
-inline const sockaddr* unwrap(const address& a) {
-    return a ? (const sockaddr*)&*a : nullptr;
-}
-
-inline DNSServiceRef find_open(const char* function, const char* key) {
+// Copies of the arguments that keep their null-ness (Avahi's error answers have null names).
+struct text : std::optional<std::string> {
+    text(cstr s) : optional(s ? optional(s) : std::nullopt) {}
+    operator cstr() const { return has_value() ? value().c_str() : nullptr; }
+    friend std::ostream& operator<<(std::ostream& out, const text& t) {
+        return out << t.value_or("(null)");
+    }
+};
+struct bytes : std::string {  // null when empty
+    bytes(const void* data, std::size_t size)
+        : basic_string(data ? (cstr)data : "", data ? size : 0) {}
+    template <typename T>
+    operator const T*() const {
+        return empty() ? nullptr : (const T*)data();
+    }
+};
+inline DNSServiceRef find_open(cstr function, cstr key) {
     for (const auto& operation : shared().operations)
-        if (operation->open && operation->function == function && (!key || operation->key == key))
+        if (operation->open && operation->function == function && operation->key == key)
             return operation.get();
     return nullptr;
 }
-// Queues a call of the operation's callback with args (unwrapped) and its context.
+// Queues a call of the operation's callback with args and its context.
 template <typename Reply, typename... Args>
-int answer(const char* function, const char* key, Args... args) {
+int answer(cstr function, cstr key, Args... args) {
     lock hold(shared().mutex);
     DNSServiceRef operation = find_open(function, key);
     std::uint64_t one = 1;
     if (!operation || write(operation->fd, &one, sizeof(one)) != sizeof(one))
         return -1;
     operation->pending.push_back([=](DNSServiceRef ref) {
-        reinterpret_cast<Reply>(ref->callback)(ref, unwrap(args)..., ref->context);
+        reinterpret_cast<Reply>(ref->callback)(ref, args..., ref->context);
     });
     return 0;
 }
-
-using u16 = std::uint16_t;
-using u32 = std::uint32_t;
-using i32 = std::int32_t;
-using cstr = const char*;
+template <typename Ready>
+bool wait_for(int timeout_ms, Ready ready) {
+    lock hold(shared().mutex);
+    return shared().changed.wait_for(hold, std::chrono::milliseconds(timeout_ms), ready);
+}
 
 struct control {
     void reset() const {
         lock hold(shared().mutex);
         shared().failures.clear(), shared().calls.clear();
     }
-    // Later calls of function fail with error (0: succeed again).
-    void fail(cstr function, i32 error) const {
+    void fail(cstr function, int error) const {  // later calls
         lock hold(shared().mutex);
         shared().failures[function] = error;
     }
-    int wait_open(cstr function, cstr key, int timeout_ms) const {
-        lock hold(shared().mutex);
-        return shared().changed.wait_for(hold, ms(timeout_ms),
-                                         [&] { return find_open(function, key); });
+    bool wait_open(cstr function, cstr key, int timeout_ms) const {
+        return wait_for(timeout_ms, [&] { return find_open(function, key); });
     }
-    int open_count(cstr function) const {
-        lock hold(shared().mutex);
-        int count = 0;
-        for (const auto& operation : shared().operations)
-            count += operation->open && (!function || operation->function == function);
-        return count;
-    }
-    // Every queued answer delivered, its callback returned.
-    int wait_idle(int timeout_ms) const {
-        lock hold(shared().mutex);
-        return shared().changed.wait_for(hold, ms(timeout_ms), [] {
-            for (const auto& operation : shared().operations)
-                if (operation->open && !operation->pending.empty())
-                    return false;
-            return shared().delivering == 0;
+    bool wait_closed(int timeout_ms) const {
+        return wait_for(timeout_ms, [] {
+            return std::none_of(shared().operations.begin(), shared().operations.end(),
+                                [](const auto& operation) { return operation->open; });
         });
     }
-    int browse_event(cstr regtype, u32 flags, u32 index, i32 error, cstr name, cstr type,
+    // Every queued answer delivered, its callback returned.
+    bool wait_idle(int timeout_ms) const {
+        return wait_for(timeout_ms, [] {
+            return shared().delivering == 0 &&
+                   std::none_of(shared().operations.begin(), shared().operations.end(),
+                                [](const auto& operation) { return !operation->pending.empty(); });
+        });
+    }
+    int browse_event(cstr regtype, u32 flags, u32 index, int error, cstr name, cstr type,
                      cstr domain) const {
         return answer<DNSServiceBrowseReply>("DNSServiceBrowse", regtype, flags, index, error,
-                                             copy(name), copy(type), copy(domain));
+                                             text(name), text(type), text(domain));
     }
-    int resolve_answer(cstr name, u32 flags, u32 index, i32 error, cstr fullname, cstr host,
+    int resolve_answer(cstr name, u32 flags, u32 index, int error, cstr fullname, cstr host,
                        u16 port_network_order, u16 txt_length, const unsigned char* txt) const {
         return answer<DNSServiceResolveReply>("DNSServiceResolve", name, flags, index, error,
-                                              copy(fullname), copy(host), port_network_order,
-                                              u16(txt ? txt_length : 0), copy(txt, txt_length));
+                                              text(fullname), text(host), port_network_order,
+                                              u16(txt ? txt_length : 0), bytes(txt, txt_length));
     }
-    int query_answer(cstr fullname, u32 flags, u32 index, i32 error, cstr answer_name, u16 rrtype,
+    int query_answer(cstr fullname, u32 flags, u32 index, int error, cstr answer_name, u16 rrtype,
                      u16 rrclass, u16 length, const void* data, u32 ttl) const {
         return answer<DNSServiceQueryRecordReply>("DNSServiceQueryRecord", fullname, flags, index,
-                                                  error, copy(answer_name), rrtype, rrclass,
-                                                  u16(data ? length : 0), copy(data, length), ttl);
+                                                  error, text(answer_name), rrtype, rrclass,
+                                                  u16(data ? length : 0), bytes(data, length), ttl);
     }
-    int register_answer(cstr name, u32 flags, i32 error, cstr answer_name, cstr type,
-                        cstr domain) const {
-        return answer<DNSServiceRegisterReply>("DNSServiceRegister", name, flags, error,
-                                               copy(answer_name), copy(type), copy(domain));
+    int register_answer(cstr name, int error) const {
+        return answer<DNSServiceRegisterReply>("DNSServiceRegister", name, 0u, error,
+                                               text(error ? nullptr : name),
+                                               text(error ? nullptr : "_t._tcp."), text("local."));
     }
     // An IPv4 or IPv6 address as text; null: no address structure.
-    int address_answer(cstr hostname, u32 flags, u32 index, i32 error, cstr answer_host,
-                       cstr address_text) const {
-        address a;
-        if (address_text) {
-            const bool v6 = std::strchr(address_text, ':');
-            a = sockaddr_in6{};
-            a->sin6_family = v6 ? AF_INET6 : AF_INET;
-            inet_pton(a->sin6_family, address_text,
-                      v6 ? (void*)&a->sin6_addr : &((sockaddr_in*)&*a)->sin_addr);
-        }
-        return answer<DNSServiceGetAddrInfoReply>("DNSServiceGetAddrInfo", hostname, flags, index,
-                                                  error, copy(answer_host), a, u32(0));
+    int address_answer(cstr key, u32 flags, int error, cstr host, cstr address_text) const {
+        sockaddr_in6 a{};
+        const bool v6 = address_text && std::strchr(address_text, ':');
+        a.sin6_family = v6 ? AF_INET6 : AF_INET;
+        if (address_text)
+            inet_pton(a.sin6_family, address_text,
+                      v6 ? (void*)&a.sin6_addr : &((sockaddr_in*)&a)->sin_addr);
+        return answer<DNSServiceGetAddrInfoReply>(
+            "DNSServiceGetAddrInfo", key, flags, 5u, error, text(host),
+            bytes(address_text ? &a : nullptr, sizeof(a)), u32(0));
     }
-    // The arguments of the last call of function; empty when there was none.
     std::string last(cstr function) const {
         lock hold(shared().mutex);
         return shared().calls[function];
@@ -170,5 +154,4 @@ struct control {
         return instance;
     }
 };
-
 }  // namespace fake_dnssd

@@ -38,6 +38,10 @@ public:
             std::string* output = nullptr) const {
         return script({"run", name_, host, "sh", "-c", command}, output);
     }
+    /// The host's avahi-daemon killed (SIGKILL) by "kill", or "start"ed, returning once it runs.
+    int avahi(const std::string& host, const std::string& action) const {
+        return script({"avahi", name_, host, action});
+    }
     std::unique_ptr<Child> start(const std::string& host, std::vector<std::string> args) const {
         args.insert(args.begin(), {"run", name_, host});
         return std::make_unique<Child>(VELMOR_TESTNET_SCRIPT, args,

@@ -73,9 +73,14 @@ done
 }
 
 # As root in a namespace: no privilege drop, no chroot, no rlimits from the stock config.
-avahi-daemon --file="$dir/avahi-daemon.conf" --no-drop-root --no-chroot --no-rlimits \
-    --no-proc-title >"$dir/avahi.log" 2>&1 &
-avahi_pid=$!
+start_avahi() {
+    avahi-daemon --file="$dir/avahi-daemon.conf" --no-drop-root --no-chroot --no-rlimits \
+        --no-proc-title >>"$dir/avahi.log" 2>&1 &
+    avahi_pid=$!
+}
+start_avahi
+# A daemon restarted after a crash (testnet.sh avahi) is our child too, so it is reaped.
+trap start_avahi USR1
 
 # Holds the namespaces and reaps the daemons when testnet.sh down ends them.
 trap 'kill -TERM $avahi_pid $dbus_pid 2>/dev/null; wait; exit 0' TERM INT

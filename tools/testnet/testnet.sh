@@ -7,6 +7,8 @@
 #   testnet.sh run NET HOST CMD...   run CMD on HOST (its network, /run, host name, avahi)
 #   testnet.sh bus NET HOST          print HOST's system bus address, for a client outside
 #   testnet.sh check NET A B         avahi on B sees a service published on A
+#   testnet.sh avahi NET HOST kill|start   SIGKILL HOST's avahi-daemon, or start it again and
+#                                    wait until it runs (a crash, an upgrade)
 #   testnet.sh down NET              remove everything NET made (also after a failed up)
 #   testnet.sh prune                 remove the networks "n<pid>" whose process <pid> is gone
 #
@@ -173,6 +175,19 @@ cmd_prune() {
     done
 }
 
+cmd_avahi() {
+    local net=$1 host=$2
+    holder_pid "$net" "$host" >/dev/null
+    case ${3:-} in
+        kill) "$here/testnet.sh" run "$net" "$host" sh -c 'kill -KILL "$(cat /run/avahi-daemon/pid)"' ;;
+        start)
+            kill -USR1 "$(holder_pid "$net" "$host")"
+            wait_for_avahi "$net" "$host"
+            ;;
+        *) die "usage: testnet.sh avahi NET HOST kill|start" ;;
+    esac
+}
+
 cmd_bus() {
     holder_pid "$1" "$2" >/dev/null
     echo "unix:path=$base/$1/$2/run/dbus/system_bus_socket"
@@ -190,6 +205,7 @@ case "$command" in
         cmd_run "$@"
         ;;
     bus) cmd_bus "$@" ;;
+    avahi) cmd_avahi "$@" ;;
     check) cmd_check "$@" ;;
     down)
         check_name network "$1" 8

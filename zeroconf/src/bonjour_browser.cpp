@@ -84,15 +84,63 @@ bonjour_browser::impl::impl(boost::shared_ptr<bonjour_client> owner,
     : browser(std::move(listener)),
       dns_service(std::move(owner)),
       name_filter_(name_filter),
+      type_(type),
+      domain_(domain ? domain : ""),
+      has_domain_(domain != nullptr),
+      interface_index_(interface_index),
       history_(boost::make_shared<browse_history>()),
       reconfirm_(reconfirm) {
-    DNSServiceErrorType error =
-        DNSServiceBrowse(&sd_ref_, dnssd::flag_wake_on_resolve, interface_index, type.c_str(),
-                         domain, &impl::browse_reply, this);
+    DNSServiceErrorType error = impl::open_again(&sd_ref_);
     if (error != 0)
         throw std::runtime_error("DNSServiceBrowse() failed (" + std::to_string(error) + ").");
+    stale_check = &impl::check_timers;
+    stale_check_argument_ = this;
 }
 
+DNSServiceErrorType bonjour_browser::impl::open_again(DNSServiceRef* ref) {
+    return DNSServiceBrowse(ref, dnssd::flag_wake_on_resolve, interface_index_, type_.c_str(),
+                            has_domain_ ? domain_.c_str() : nullptr, &impl::browse_reply, this);
+}
+
+void bonjour_browser::impl::reopened() {
+    // What the daemon knew went with it: each instance must be reported again to stay.
+    for (auto& entry : history_->announced)
+        entry.second.confirmed = false;
+    history_->retries.clear();
+    settle_at_ = client_->time().now() + client_->time().settle_after();
+}
+
+void bonjour_browser::impl::check_timers(void* browse) {
+    auto* self = static_cast<impl*>(browse);
+    browse_history& history = *self->history_;
+    const std::chrono::nanoseconds now = self->client_->time().now();
+    if (self->settle_at_.count() && now >= self->settle_at_) {
+        self->settle_at_ = {};
+        for (auto entry = history.announced.begin(); entry != history.announced.end();) {
+            if (entry->second.confirmed) {
+                ++entry;
+                continue;
+            }
+            auto [key, instance] = *entry;
+            entry = history.announced.erase(entry);
+            history.withdrawn[key] = ++history.events;
+            self->listener_->remove(key.first, key.second.c_str(), instance.type.c_str());
+        }
+    }
+    std::vector<browse_history::retry> due;
+    for (auto entry = history.retries.begin(); entry != history.retries.end();) {
+        if (entry->due > now) {
+            ++entry;
+            continue;
+        }
+        if (history.current(entry->instance, entry->started_at))
+            due.push_back(*entry);
+        entry = history.retries.erase(entry);
+    }
+    for (const browse_history::retry& retry : due)
+        self->start_resolve(retry.flags, retry.instance.first, retry.instance.second.c_str(),
+                            retry.type.c_str(), retry.domain.c_str(), retry.attempt);
+}
 bonjour_browser::impl::~impl() = default;
 
 void DNSSD_API bonjour_browser::impl::browse_reply(DNSServiceRef, DNSServiceFlags flags,
@@ -110,7 +158,9 @@ void bonjour_browser::impl::on_browse(DNSServiceFlags flags, std::uint32_t inter
                                       DNSServiceErrorType error, const char* name, const char* type,
                                       const char* domain) {
     if (error != 0) {
+        // A browse ends in an error only when the daemon has gone.
         ZEROCONF_LOG(3, "errorCode = %d\n", error);
+        lose(error);
         return;
     }
     if (!name_filter_.empty()) {
@@ -120,19 +170,25 @@ void bonjour_browser::impl::on_browse(DNSServiceFlags flags, std::uint32_t inter
         ++history_->generation;
     }
     ++history_->events;
+    const browse_history::instance_key key{interface_index, name};
     if (flags & dnssd::flag_add) {
+        history_->announced[key] = {history_->events, type, true};
         start_resolve(flags, interface_index, name, type, domain);
         return;
     }
     // A resolve still under way for this instance must not report a server that has left.
-    history_->withdrawn[{interface_index, name}] = history_->events;
+    history_->withdrawn[key] = history_->events;
+    history_->announced.erase(key);
     listener_->remove(interface_index, name, type);
 }
 
 void bonjour_browser::impl::start_resolve(DNSServiceFlags flags, std::uint32_t interface_index,
-                                          const char* name, const char* type, const char* domain) {
-    auto resolver = boost::make_shared<bonjour_resolver>(client_, type, listener_, history_,
-                                                         reconfirm_, interface_index, name);
+                                          const char* name, const char* type, const char* domain,
+                                          unsigned attempt) {
+    auto resolver = boost::make_shared<bonjour_resolver>(
+        client_, type, listener_, history_, reconfirm_,
+        browse_history::retry{
+            {}, attempt, flags, {interface_index, name}, type, domain, history_->events});
     auto context = std::make_unique<resolver_context>(resolver);
     if (context->start(flags, interface_index, name, type, domain)) {
         resolver->add_dns_service();
@@ -145,15 +201,14 @@ void bonjour_browser::impl::start_resolve(DNSServiceFlags flags, std::uint32_t i
 bonjour_resolver::bonjour_resolver(boost::shared_ptr<bonjour_client> owner, std::string type,
                                    boost::shared_ptr<browser_listener> listener,
                                    boost::shared_ptr<browse_history> history, bool reconfirm,
-                                   std::uint32_t announced_on, std::string announced_name)
+                                   browse_history::retry announcement)
     : dns_service(std::move(owner)),
       type_(std::move(type)),
       listener_(std::move(listener)),
       history_(std::move(history)),
       generation_value_(history_->generation),
-      started_at_(history_->events),
       reconfirm_(reconfirm),
-      announced_(announced_on, std::move(announced_name)) {}
+      announced_(std::move(announcement)) {}
 
 resolver_context::resolver_context(boost::shared_ptr<bonjour_resolver> resolver)
     : resolver_(std::move(resolver)) {}
@@ -161,6 +216,19 @@ resolver_context::resolver_context(boost::shared_ptr<bonjour_resolver> resolver)
 resolver_context::~resolver_context() {
     resolver_->stale_check_argument_ = nullptr;
     resolver_->remove_dns_service();
+}
+
+void resolver_context::fail() {
+    browse_history::retry retry = resolver_->announced_;
+    // Avahi fails a resolve while the host's address is still being announced, and says
+    // nothing more of an instance it has already reported.
+    if (retry.attempt < browse_history::max_retries) {
+        const zeroconf::clock& time = resolver_->owner()->time();
+        retry.due = time.now() + time.retry_after() * (1 << retry.attempt);
+        ++retry.attempt;
+        resolver_->history_->retries.push_back(std::move(retry));
+    }
+    delete this;
 }
 
 void resolver_context::mark_started() {
@@ -213,7 +281,7 @@ void resolver_context::on_resolve(std::uint32_t interface_index, DNSServiceError
     // An error answer may name nothing at all (Avahi gives up on a host without an address).
     if (error != 0) {
         ZEROCONF_LOG(3, "errorCode = %d\n", error);
-        delete this;
+        fail();
         return;
     }
     std::string instance;
@@ -270,7 +338,7 @@ void DNSSD_API resolver_context::query_reply(DNSServiceRef, DNSServiceFlags,
         auto* self = static_cast<resolver_context*>(context);
         if (error != 0) {
             ZEROCONF_LOG(3, "errorCode = %d\n", error);
-            delete self;
+            self->fail();
             return;
         }
         self->on_query(interface_index, error, answer_text(fullname), type, record_class, length,
@@ -299,9 +367,9 @@ void resolver_context::on_query(std::uint32_t interface_index, DNSServiceErrorTy
         DNSServiceReconfirmRecord(dnssd::flag_force, interface_index, fullname, type, record_class,
                                   4, data);
     }
-    auto withdrawal = resolver.history_->withdrawn.find(resolver.announced_);
+    auto withdrawal = resolver.history_->withdrawn.find(resolver.announced_.instance);
     bool withdrawn = withdrawal != resolver.history_->withdrawn.end() &&
-                     withdrawal->second > resolver.started_at_;
+                     withdrawal->second > resolver.announced_.started_at;
     if (resolver.generation_value_ == resolver.history_->generation && !withdrawn)
         resolver.listener_->add(resolver.interface_index_, resolver.name_.c_str(),
                                 resolver.type_.c_str(), resolver.host_.c_str(), address,

@@ -44,12 +44,39 @@ class resolver_context;
 /// \brief What a browse shares with the resolves it started; read and written on the poll
 /// thread only.
 struct browse_history {
+    using instance_key = std::pair<std::uint32_t, std::string>;  // interface, name
+    // A resolve whose chain ended in an error answer, to be started again.
+    struct retry {
+        std::chrono::nanoseconds due;
+        unsigned attempt;
+        DNSServiceFlags flags;
+        instance_key instance;
+        std::string type, domain;
+        std::uint64_t started_at;
+    };
+    static constexpr unsigned max_retries = 4;
+
     // Raised by every announcement of the filtered name: older resolves are superseded.
     std::uint32_t generation = 0;
     // Counts browse events; a withdrawal records the count at which it came, per interface and
     // name, so that a resolve begun before it is recognised when it answers.
     std::uint64_t events = 0;
-    std::map<std::pair<std::uint32_t, std::string>, std::uint64_t> withdrawn;
+    std::map<instance_key, std::uint64_t> withdrawn;
+    // The instances announced and not withdrawn: the count of their latest announcement, and
+    // whether a browse re-opened after the daemon's loss has reported them again.
+    struct instance {
+        std::uint64_t announced_at;
+        std::string type;
+        bool confirmed;
+    };
+    std::map<instance_key, instance> announced;
+    std::vector<retry> retries;
+
+    /// Whether an announcement counted at started_at is still the latest of its instance.
+    bool current(const instance_key& key, std::uint64_t started_at) const {
+        auto found = announced.find(key);
+        return found != announced.end() && found->second.announced_at <= started_at;
+    }
 };
 
 /// \brief The open browse and the state shared with the resolves it starts.
@@ -61,6 +88,11 @@ public:
     ~impl() override;
 
 private:
+    DNSServiceErrorType open_again(DNSServiceRef* ref) override;
+    void reopened() override;
+    /// The poll thread's timer: removes what a re-opened browse did not report again, and
+    /// starts the resolves due again.
+    static void check_timers(void* browse);
     static void DNSSD_API browse_reply(DNSServiceRef sd_ref, DNSServiceFlags flags,
                                        std::uint32_t interface_index, DNSServiceErrorType error,
                                        const char* name, const char* type, const char* domain,
@@ -68,9 +100,14 @@ private:
     void on_browse(DNSServiceFlags flags, std::uint32_t interface_index, DNSServiceErrorType error,
                    const char* name, const char* type, const char* domain);
     void start_resolve(DNSServiceFlags flags, std::uint32_t interface_index, const char* name,
-                       const char* type, const char* domain);
+                       const char* type, const char* domain, unsigned attempt = 0);
 
     std::string name_filter_;
+    std::string type_;
+    std::string domain_;
+    bool has_domain_;
+    std::uint32_t interface_index_;
+    std::chrono::nanoseconds settle_at_{0};
     boost::shared_ptr<browse_history> history_;
     bool reconfirm_;
     // Resolves DNS-SD refused to start: never served, freed with the browse.
@@ -83,7 +120,7 @@ public:
     bonjour_resolver(boost::shared_ptr<bonjour_client> owner, std::string type,
                      boost::shared_ptr<browser_listener> listener,
                      boost::shared_ptr<browse_history> history, bool reconfirm,
-                     std::uint32_t announced_on, std::string announced_name);
+                     browse_history::retry announcement);
 
 private:
     friend class resolver_context;
@@ -92,10 +129,9 @@ private:
     boost::shared_ptr<browser_listener> listener_;
     boost::shared_ptr<browse_history> history_;
     std::uint32_t generation_value_;
-    std::uint64_t started_at_;
     bool reconfirm_;
-    // The browse event's interface and name, as a withdrawal names them.
-    std::pair<std::uint32_t, std::string> announced_;
+    // The browse event as it started this resolve, and again should it fail.
+    browse_history::retry announced_;
 
     std::uint32_t interface_index_ = 0;
     std::string name_;
@@ -137,6 +173,8 @@ private:
                   std::uint16_t type, std::uint16_t record_class, std::uint16_t length,
                   const void* data);
     void mark_started();
+    /// The chain ended in an error answer: tried again later while the instance is announced.
+    void fail();
 
     std::chrono::nanoseconds start_time_{0};
     bool active_ = false;

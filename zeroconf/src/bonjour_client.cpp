@@ -60,6 +60,16 @@ void deallocate_closed(poll_state& state) {
         DNSServiceRefDeallocate(ref);
 }
 
+// Erases operation's entry; false when it has none.
+bool erase_entry(std::vector<boost::weak_ptr<dns_service>>& entries, const dns_service* operation) {
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry)
+        if (entry->lock().get() == operation) {
+            entries.erase(entry);
+            return true;
+        }
+    return false;
+}
+
 struct waited_operation {
     boost::weak_ptr<dns_service> operation;
     DNSServiceRef ref;
@@ -97,11 +107,31 @@ int wait_readable(const std::vector<waited_operation>& waited, std::vector<bool>
     return result;
 }
 
+// While the daemon is away, tries every so often to open what it dropped; quiet until it
+// answers.
+void reopen_lost(poll_state& state) {
+    std::vector<boost::weak_ptr<dns_service>> lost;
+    {
+        registry_lock lock(state.mutex);
+        if (state.lost.empty() || state.time->now() < state.next_reopen)
+            return;
+        state.next_reopen = state.time->now() + state.time->reopen_every();
+        lost = state.lost;
+    }
+    bool answered = false;
+    for (const auto& entry : lost)
+        if (boost::shared_ptr<dns_service> operation = entry.lock())
+            answered = operation->reopen() || answered;
+    if (answered)
+        ZEROCONF_LOG(5, "DNS-SD daemon is back: browses and registrations opened again\n");
+}
+
 // One cycle of the poll thread; false once the client has gone.
 bool poll_once(poll_state& state) {
     if (state.stop)
         return false;
     deallocate_closed(state);
+    reopen_lost(state);
 
     std::vector<waited_operation> waited;
     int valid = 0;
@@ -141,7 +171,7 @@ bool poll_once(poll_state& state) {
 
     std::vector<bool> readable;
     int ready_count = wait_readable(waited, readable, wait);
-    if (state.stop || ready_count == 0)
+    if (state.stop)
         return true;
     if (ready_count < 0) {
         int code = 0;
@@ -150,16 +180,11 @@ bool poll_once(poll_state& state) {
         return true;
     }
 
+    // Every quiet operation gets its checks, also in a cycle without answers: they are timers.
     std::vector<const waited_operation*> ready;
     std::vector<const waited_operation*> not_ready;
-    for (std::size_t i = 0; i < waited.size() && ready_count > 0; ++i) {
-        if (readable[i]) {
-            ready.push_back(&waited[i]);
-            --ready_count;
-        } else {
-            not_ready.push_back(&waited[i]);
-        }
-    }
+    for (std::size_t i = 0; i < waited.size(); ++i)
+        (readable[i] ? ready : not_ready).push_back(&waited[i]);
 
     for (const waited_operation* entry : ready) {
         boost::shared_ptr<dns_service> operation = entry->operation.lock();
@@ -333,6 +358,7 @@ void dns_service::remove_dns_service() {
                 break;
             }
         }
+        erase_entry(state.lost, this);
         std::swap(closed, sd_ref_);
         on_poll_thread = boost::this_thread::get_id() == state.poll_thread;
         // Another thread's close waits for the poll thread, which may be dispatching it now.
@@ -353,6 +379,49 @@ DNSServiceRef dns_service::current_ref() {
 void dns_service::replace_ref(DNSServiceRef ref) {
     registry_lock lock(client_->state().mutex);
     sd_ref_ = ref;
+}
+
+void dns_service::lose(DNSServiceErrorType error) {
+    poll_state& state = client_->state();
+    DNSServiceRef dead = nullptr;
+    {
+        registry_lock lock(state.mutex);
+        if (!erase_entry(state.registry, this))
+            return;  // closed by its owner, or lost already
+        if (state.lost.empty()) {
+            ZEROCONF_LOG(3,
+                         "DNS-SD daemon lost (%d); browses and registrations are opened again "
+                         "once it answers\n",
+                         error);
+            state.next_reopen = state.time->now() + state.time->reopen_every();
+        }
+        state.lost.push_back(shared_from_this());
+        std::swap(dead, sd_ref_);
+    }
+    // Inside its own dispatch on the poll thread, which DNS-SD allows.
+    if (dead)
+        DNSServiceRefDeallocate(dead);
+}
+
+bool dns_service::reopen() {
+    DNSServiceRef ref = nullptr;
+    if (open_again(&ref) != 0)
+        return false;
+    {
+        poll_state& state = client_->state();
+        registry_lock lock(state.mutex);
+        if (erase_entry(state.lost, this)) {
+            sd_ref_ = ref;
+            state.registry.push_back(shared_from_this());
+            ref = nullptr;
+        }
+    }
+    if (ref) {
+        DNSServiceRefDeallocate(ref);  // its owner closed it meanwhile
+        return true;
+    }
+    reopened();
+    return true;
 }
 
 }  // namespace zeroconf

@@ -2,6 +2,7 @@
 // The Bonjour client, the base of every DNS-SD operation, and the poll thread that serves them.
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -32,6 +33,10 @@ struct poll_state {
     // Operations closed on another thread, deallocated by the poll thread between dispatches:
     // DNS-SD must never free a reference that the poll thread may be dispatching.
     std::vector<DNSServiceRef> closed;
+    // Browses and registrations the DNS-SD daemon dropped when it went away, re-opened once it
+    // answers again; out of the registry meanwhile.
+    std::vector<boost::weak_ptr<dns_service>> lost;
+    std::chrono::nanoseconds next_reopen{0};
     boost::thread::id poll_thread;
     boost::recursive_mutex mutex;
 };
@@ -97,6 +102,11 @@ public:
     DNSServiceRef current_ref();
     /// Puts another operation in sd_ref_ (the poll thread's own callbacks only).
     void replace_ref(DNSServiceRef ref);
+    /// The daemon went away (error is what it said): the operation is closed and, when it can
+    /// be, opened again once the daemon answers. The poll thread only.
+    void lose(DNSServiceErrorType error);
+    /// Opens the operation again after lose(); false while the daemon does not answer.
+    bool reopen();
     const boost::shared_ptr<bonjour_client>& owner() const { return client_; }
 
     DNSServiceRef sd_ref_ = nullptr;
@@ -105,6 +115,13 @@ public:
     boost::function<void(void*)> stale_check;
 
 protected:
+    /// Opens the operation in ref as at first; operations that cannot be opened again refuse.
+    virtual DNSServiceErrorType open_again(DNSServiceRef*) {
+        return dnssd::err_service_not_running;
+    }
+    /// Told on the poll thread that the operation is open again.
+    virtual void reopened() {}
+
     boost::shared_ptr<bonjour_client> client_;
 };
 

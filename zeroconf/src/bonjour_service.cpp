@@ -53,13 +53,16 @@ bonjour_service::impl::impl(boost::shared_ptr<bonjour_client> owner, const std::
     if (name_.size() >= max_name)
         ZEROCONF_LOG(3, "service name \"%s\" is too long(%zu) should be < %u\n", name_.c_str(),
                      name_.size(), static_cast<unsigned>(max_name));
-    DNSServiceErrorType error =
-        DNSServiceRegister(&sd_ref_, dnssd::flag_no_auto_rename, client_->interface_index(),
-                           name_.c_str(), type_.c_str(), nullptr, nullptr, htons(port_),
-                           txt_.length(), txt_.data(), &impl::register_reply, this);
+    DNSServiceErrorType error = impl::open_again(&sd_ref_);
     if (error != 0)
         throw std::runtime_error("Could not register service \"" + name_ + "\" (" +
                                  std::to_string(error) + ").");
+}
+
+DNSServiceErrorType bonjour_service::impl::open_again(DNSServiceRef* ref) {
+    return DNSServiceRegister(ref, dnssd::flag_no_auto_rename, client_->interface_index(),
+                              name_.c_str(), type_.c_str(), nullptr, nullptr, htons(port_),
+                              txt_.length(), txt_.data(), &impl::register_reply, this);
 }
 
 void DNSSD_API bonjour_service::impl::register_reply(DNSServiceRef, DNSServiceFlags,
@@ -73,8 +76,11 @@ void bonjour_service::impl::on_register(DNSServiceErrorType error) {
         ZEROCONF_LOG(3, "bonjour_service failed name collision (%i)\n", error);
         state_ = name_collision;
     } else if (error != 0) {
+        // Past a conflict, a registration fails only when the daemon has gone; it comes back
+        // with it, under the same name.
         ZEROCONF_LOG(3, "bonjour_service failed (%i)\n", error);
         state_ = failed;
+        lose(error);
     } else {
         state_ = registered;
     }

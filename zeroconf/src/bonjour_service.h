@@ -39,6 +39,7 @@ public:
          std::uint16_t port, const std::vector<std::string>& txt_entries, status_callback callback);
 
 private:
+    DNSServiceErrorType open_again(DNSServiceRef* ref) override;
     static void DNSSD_API register_reply(DNSServiceRef sd_ref, DNSServiceFlags flags,
                                          DNSServiceErrorType error, const char* name,
                                          const char* type, const char* domain, void* context);

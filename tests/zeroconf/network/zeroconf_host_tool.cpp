@@ -1,20 +1,19 @@
-// The zeroconf library's side of the network tests and benchmarks, run on a test host so that it
-// talks to that host's Avahi. Reports on standard output as "@kind<TAB>fields", among the log:
-//   @ready <poll thread id> | @add <ns> <interface> <name> <type> <host> <address> <port> [txt...]
-//   @remove <ns> <interface> <name> <type> | @host <interface> <name> <address> | @status <state>
-//   @cpu <process ns> <poll thread ns> (on SIGUSR2)
-// Modes: browse TYPE [SUBTYPE [HOST]] | register NAME TYPE PORT SUBTYPE|- [TXT...]
-//        browsers COUNT TYPE (0: a bare client)
-// OPEN_DESCRIPTORS=n opens n descriptors first, raising the soft limit as needed.
+// The library on a test host for network tests and benchmarks: browse TYPE [SUBTYPE [HOST]] |
+// register NAME TYPE PORT SUBTYPE|- [TXT...] | browsers COUNT TYPE; OPEN_DESCRIPTORS=n opens n
+// first. Reports "@kind\tfields": ready <poll thread> | add <ns> <if> <name> <type> <host>
+// <address> <port> [txt...] | remove <ns> <if> <name> <type> | host <if> <name> <address> | status
+// <state> | cpu <ns> <poll ns> (on SIGUSR2).
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <chrono>
+#include <ctime>
 #include <fstream>
-#include <mutex>
+#include <iostream>
 #include <sstream>
 
 #include <boost/make_shared.hpp>
@@ -23,61 +22,46 @@
 #include "zeroconf/hostname_browser.h"
 
 namespace {
-
 template <typename... Fields>
 void report(const char* kind, const Fields&... fields) {
-    static std::mutex mutex;
     std::ostringstream line;
     line << '@' << kind;
     ((line << '\t' << fields), ...);
-    std::lock_guard<std::mutex> hold(mutex);
-    std::printf("%s\n", line.str().c_str());
-    std::fflush(stdout);
-}
-
-long long ns(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return now.tv_sec * 1000000000LL + now.tv_nsec;
+    std::cout << line.str() + '\n' << std::flush;  // one write: threads' lines never interleave
 }
 
 struct Printer : zeroconf::browser_listener, zeroconf::hostname_listener {
+    static auto ns() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
     void add(std::uint32_t index, const char* name, const char* type, const char* host,
              const char* address, std::uint16_t port,
              const std::vector<std::string>& txt) override {
         std::string entries;
         for (const std::string& entry : txt)
             entries += '\t' + entry;
-        report("add", ns(CLOCK_MONOTONIC), index, name, type, host, address,
-               std::to_string(port) + entries);
+        report("add", ns(), index, name, type, host, address, std::to_string(port) + entries);
     }
     void remove(std::uint32_t index, const char* name, const char* type) override {
-        report("remove", ns(CLOCK_MONOTONIC), index, name, type);
+        report("remove", ns(), index, name, type);
     }
     void add(std::uint32_t index, const char* name, const char* address) override {
         report("host", index, name, address);
     }
     void remove(std::uint32_t, const char*) override {}
 };
-
 }  // namespace
-
 int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
+    const std::vector<std::string> args(argv + 1, argv + argc);
     if (const char* count = std::getenv("OPEN_DESCRIPTORS")) {
         rlimit limit{};
         getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = limit.rlim_max, setrlimit(RLIMIT_NOFILE, &limit);
         for (int i = std::atoi(count); i > 0; --i)
             open("/dev/null", O_RDONLY);
     }
     sigset_t signals;  // every thread inherits the mask, so the signals reach sigwait below
-    sigemptyset(&signals);
-    for (int signal : {SIGTERM, SIGINT, SIGUSR2})
-        sigaddset(&signals, signal);
+    sigemptyset(&signals), sigaddset(&signals, SIGTERM), sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGUSR2);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
     auto client = zeroconf::client::create(-1);
     std::string poll_thread;  // the one thread beside the main thread so far
     DIR* tasks = opendir("/proc/self/task");
@@ -87,38 +71,30 @@ int main(int argc, char** argv) {
     closedir(tasks);
     auto printer = boost::make_shared<Printer>();
     std::vector<boost::shared_ptr<void>> operations;
-    const std::string mode = args.empty() ? "" : args[0];
-    if (mode == "browse" && args.size() >= 2) {
-        operations.push_back(
-            client->create_browser("", args[1], args.size() > 2 ? args[2] : "", printer, false));
+    auto arg = [&](std::size_t i) { return i < args.size() ? args[i] : ""; };
+    if (arg(0) == "browse" && args.size() >= 2) {
+        operations.push_back(client->create_browser("", args[1], arg(2), printer, false));
         if (args.size() > 3)
             operations.push_back(client->create_hostname_browser(args[3], printer));
-    } else if (mode == "register" && args.size() >= 5) {
-        std::vector<std::string> subtypes, txt(args.begin() + 5, args.end());
-        if (args[4] != "-")
-            subtypes.push_back(args[4]);
+    } else if (arg(0) == "register" && args.size() >= 5) {
+        const std::vector<std::string> subtypes(args[4] == "-" ? 0 : 1, args[4]);
         operations.push_back(client->create_service(args[1], args[2], std::stoi(args[3]), subtypes,
-                                                    txt,
+                                                    {args.begin() + 5, args.end()},
                                                     [](int state) { report("status", state); }));
-    } else if (mode == "browsers" && args.size() == 3) {
+    } else if (arg(0) == "browsers" && args.size() == 3) {
         for (int i = std::stoi(args[1]); i > 0; --i)
             operations.push_back(client->create_browser("", args[2], "", printer, false));
     } else {
-        std::fputs("usage: see the opening comment of zeroconf_host_tool.cpp\n", stderr);
-        return 2;
+        return std::cerr << "usage: see the opening comment of zeroconf_host_tool.cpp\n", 2;
     }
-    for (const auto& operation : operations)
-        if (!operation)
-            return 1;
+    if (std::count(operations.begin(), operations.end(), nullptr))
+        return 1;
     report("ready", poll_thread);
-
     for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
-        if (sigwait(&signals, &signal) != 0)
-            continue;
         long long poll_ns = -1;
-        if (signal == SIGUSR2 &&
+        if (sigwait(&signals, &signal) == 0 && signal == SIGUSR2 &&
             std::ifstream("/proc/self/task/" + poll_thread + "/schedstat") >> poll_ns)
-            report("cpu", ns(CLOCK_PROCESS_CPUTIME_ID), poll_ns);
+            report("cpu", std::clock() * (1000000000LL / CLOCKS_PER_SEC), poll_ns);
     }
     return 0;  // the operations end before their client
 }
