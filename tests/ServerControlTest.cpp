@@ -80,7 +80,6 @@ TEST_F(AgentFixture, BadAnswersGiveNoDocument) {
 // a second) holds the settings dialog's Ok, on the GUI thread, for TCP's own minutes.
 TEST_F(AgentFixture, SilentServerReleasesTheSettingsOkWithinElevenSeconds) {
     Server silent;
-    // It ends when the agent gives up and closes its connection.
     silent.handle("/set_interface_filters", [](Server::Socket& socket, const std::string&) {
         char byte;
         for (boost::system::error_code closed; !closed;)

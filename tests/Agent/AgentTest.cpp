@@ -78,10 +78,8 @@ INSTANTIATE_TEST_SUITE_P(ModeAndServerRound, Startup, ::testing::ValuesIn(std::v
     {4, 2, 5, {kLook, kHybrid, kCon, kCon, kCon}},
     {4, 6, 7, {kLook, kHybrid, kNone, kAsHybrid, kLocal, kStarted, kCon}},
     {4, 15, 16, {kLook, kHybrid, kNone, kAsHybrid, kLocal, kStarted, kCon}}}),
-    [](const auto& info) {
-        const int round = info.param.serverRound;
-        return "Mode" + std::to_string(info.param.mode) + (round < 0 ? "Never" : "Round" + std::to_string(round));
-    });
+    [](const auto& info) { const int round = info.param.serverRound;
+        return "Mode" + std::to_string(info.param.mode) + (round < 0 ? "Never" : "Round" + std::to_string(round)); });
 // clang-format on
 
 // Announcements in ("+name address port txt...", "-name", "=address..." for the addresses

@@ -14,9 +14,7 @@ using Texts = std::vector<std::string>;
 constexpr const char* kRegtype = "_http._tcp,_ravenna";
 constexpr int kWaitMs = 5000;
 
-const fake_dnssd::control& fake() {
-    return fake_dnssd::control::get();
-}
+constexpr auto fake = &fake_dnssd::control::get;
 
 struct Server {
     std::string name, address, txt;  // txt in wire form
@@ -87,10 +85,8 @@ TEST_F(AgentZeroconf, FloodOfServersKeepsOneAttachment) {
     for (int i = 0; i < 200; ++i) {
         char name[16];
         std::snprintf(name, sizeof name, "_velmor_%03d", i);
-        servers.push_back({name, "10.1.0." + std::to_string(1 + i),
-                           i < 5         ? txt[i]
-                           : i % 50 == 7 ? "\x08master:1"
-                                         : ""});
+        const std::string record = i < 5 ? txt[i] : i % 50 == 7 ? "\x08master:1" : "";
+        servers.push_back({name, "10.1.0." + std::to_string(1 + i), record});
     }
     vlm::test::LogCapture log;
     for (const Server& s : servers)

@@ -55,12 +55,8 @@ using std::filesystem::exists;
 bool eventually(const std::function<bool()>& done,
                 std::chrono::milliseconds timeout = std::chrono::seconds(15),
                 std::chrono::milliseconds step = std::chrono::milliseconds(10));
-inline std::string buildDir() {
-    return VELMOR_BUILD_DIR;
-}
-inline std::string velmorPath() {
-    return buildDir() + "/VELMOR";
-}
+inline const auto buildDir = [] { return std::string(VELMOR_BUILD_DIR); };
+inline const auto velmorPath = [] { return buildDir() + "/VELMOR"; };
 
 /// \brief A child process with its standard output and error going to files, killed with it.
 class Child {
