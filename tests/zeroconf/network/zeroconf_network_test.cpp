@@ -193,7 +193,7 @@ TEST_P(DaemonRestart, AnnouncementAndBrowseComeBack) {
     const std::string last = "S" + std::to_string(GetParam().times - 1);
     ASSERT_TRUE(eventually([&] { return reported("remove", last); }, 20s)) << log(browser);
     const auto after = std::chrono::nanoseconds(reported("remove", last)) - back.time_since_epoch();
-    EXPECT_TRUE(after > 8s && after < 14s) << after.count();
+    EXPECT_TRUE(after > 6s && after < 10s) << after.count();
     EXPECT_EQ(reports(browser, "remove").size(), GetParam().times);
     EXPECT_EQ(count(engine.log(), "announced again once the DNS-SD daemon answers"),
               GetParam().times);

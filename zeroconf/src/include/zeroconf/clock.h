@@ -11,8 +11,8 @@ class clock {
 public:
     explicit clock(std::chrono::nanoseconds poll_wait = std::chrono::milliseconds(100),
                    std::chrono::nanoseconds stale_after = std::chrono::minutes(5),
-                   std::chrono::nanoseconds reopen_every = std::chrono::seconds(2),
-                   std::chrono::nanoseconds settle_after = std::chrono::seconds(10),
+                   std::chrono::nanoseconds reopen_every = std::chrono::seconds(1),
+                   std::chrono::nanoseconds settle_after = std::chrono::seconds(7),
                    std::chrono::nanoseconds retry_after = std::chrono::seconds(1))
         : poll_wait_(poll_wait),
           stale_after_(stale_after),
@@ -31,7 +31,8 @@ public:
     std::chrono::nanoseconds stale_after() const { return stale_after_; }
     /// How often browses and registrations are re-opened while the DNS-SD daemon is away.
     std::chrono::nanoseconds reopen_every() const { return reopen_every_; }
-    /// How long a re-opened browse has to report an instance again before it is removed.
+    /// How long a re-opened browse has to report an instance again before it is removed: with
+    /// reopen_every, an instance gone meanwhile leaves within 10 s of the daemon's return.
     std::chrono::nanoseconds settle_after() const { return settle_after_; }
     /// Wait before the first new resolve of an instance whose resolve failed; doubled each time.
     std::chrono::nanoseconds retry_after() const { return retry_after_; }
