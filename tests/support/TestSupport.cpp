@@ -30,11 +30,14 @@ Child::Child(const std::string& program, std::vector<std::string> args,
              const std::map<std::string, std::string>& env, const std::string& outputDir) {
     static std::atomic<int> serial{0};
     output_ = outputDir + "/child-" + std::to_string(++serial);
-    boost::process::environment environment = boost::this_process::environment();  // a copy
+    // env(1) sets the variables: Boost.Process's environment lookup reads past short keys.
+    std::vector<std::string> all;
     for (const auto& [key, value] : env)
-        environment[key] = value;
+        all.push_back(key + "=" + value);
+    all.push_back(program);
+    all.insert(all.end(), args.begin(), args.end());
     namespace bp = boost::process;
-    child_ = bp::child(bp::exe = program, bp::args = args, environment,
+    child_ = bp::child(bp::exe = "/usr/bin/env", bp::args = all,
                        bp::std_in<"/dev/null", bp::std_out> output_ + ".out",
                        bp::std_err > output_ + ".err");
 }
