@@ -33,10 +33,9 @@ protected:
     const std::string file = folder + "/config.json";
 };
 
-// A file → what is read and said, what it holds after a change (nullptr: refused and said once,
-// document and file as they were) and where a file that could not be used is kept. A link stays
-// a link, the mode stays, a FIFO never blocks. Full and read-only file systems are real: a tmpfs
-// in a mount namespace of the thread's own, gone with it (root only).
+// A file → what is read and said, what it holds after a change (nullptr: refused, said once,
+// document and file as they were), where an unusable file is kept; links, modes stay, FIFOs never
+// block. Full and read-only file systems: a real tmpfs in the thread's own mount namespace (root).
 TEST_F(AppConfigTest, FilesReadChangedAndKept) {
     const std::string target = appData.file("dotfiles.json");
     auto text = [](const char* content) {

@@ -30,8 +30,7 @@ Child::Child(const std::string& program, std::vector<std::string> args,
              const std::map<std::string, std::string>& env, const std::string& outputDir) {
     static std::atomic<int> serial{0};
     output_ = outputDir + "/child-" + std::to_string(++serial);
-    // env(1) sets the variables: Boost.Process's environment lookup reads past short keys.
-    std::vector<std::string> all;
+    std::vector<std::string> all;  // for env(1): Boost.Process's own lookup reads past short keys
     for (const auto& [key, value] : env)
         all.push_back(key + "=" + value);
     all.push_back(program);

@@ -58,10 +58,9 @@ bool eventually(const std::function<bool()>& done,
 inline const auto buildDir = [] { return std::string(VELMOR_BUILD_DIR); };
 inline const auto velmorPath = [] { return buildDir() + "/VELMOR"; };
 
-/// \brief A child process with its standard output and error going to files, killed with it.
+/// \brief A child process, env added to its environment, its output in files; killed with it.
 class Child {
 public:
-    /// env entries are added to (or replace) the environment.
     Child(const std::string& program, std::vector<std::string> args,
           const std::map<std::string, std::string>& env, const std::string& outputDir);
     pid_t pid() const { return child_.id(); }
