@@ -404,6 +404,7 @@ public:
         closeUnless({});
         shared_.reset();
     }
+    std::uint16_t port() const { return port_; }
 
 private:
     void closeUnless(const std::vector<std::string>& keep) {
@@ -458,10 +459,6 @@ private:
         return !open_.empty();
     }
 
-public:
-    std::uint16_t port() const { return port_; }
-
-private:
     net::io_context& context_;
     std::uint16_t port_;
     std::mutex mutex_;

@@ -72,12 +72,11 @@ void AppConfig::load(const char* path) {
 
     bool parsed = true;
     document = readJsonFile(configFilePath, &parsed);
-    const int kind = platform::fileKind(configFilePath);
     if (!document) {
         document = std::make_shared<json::Document>();
         document->SetObject();
         // What could not be read is never written over: it is kept aside first.
-        if (kind != 0) {
+        if (const int kind = platform::fileKind(configFilePath); kind != 0) {
             keepFileAside_ = true;
             VLM_LOG(4, "%s cannot be read (%s); the defaults apply\n", configFilePath.c_str(),
                     kind == 1 ? std::strerror(errno) : "not a regular file");
@@ -107,11 +106,12 @@ bool AppConfig::save() {
         VLM_LOG(3, "Cannot write %s: %s\n", path.c_str(), saveError_.c_str());
         return false;
     };
+    // A folder or a FIFO in the file's place is neither copied nor replaced.
+    if (platform::fileKind(configFilePath) == 2)
+        return fail(configFilePath, "not a regular file");
     // A file the user wrote by hand that did not parse is kept, never silently replaced: while
     // no copy of it can be made, nothing is written over it. Copies never replace earlier ones.
     if (keepFileAside_) {
-        if (platform::fileKind(configFilePath) == 2)
-            return fail(configFilePath, "not a regular file");
         std::error_code error;
         std::string kept;
         for (unsigned n = 0; n < 1000; ++n) {
@@ -132,8 +132,6 @@ bool AppConfig::save() {
     rapidjson::Writer<rapidjson::StringBuffer> writer(text);
     writer.SetMaxDecimalPlaces(kMaxDecimalPlaces);
     document->Accept(writer);
-    if (platform::fileKind(configFilePath) == 2)
-        return fail(configFilePath, "not a regular file");
     if (!platform::replaceFile(configFilePath, std::string(text.GetString(), text.GetSize())))
         return fail(configFilePath, std::strerror(errno));
     saveError_.clear();

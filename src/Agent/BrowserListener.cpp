@@ -1,5 +1,6 @@
 #include "Agent/BrowserListener.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "Log.h"

@@ -1,7 +1,6 @@
 #pragma once
 // Which engine server the agent is attached to, decided from what DNS-SD reports.
 
-#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <map>

@@ -100,7 +100,7 @@ int wait_readable(const std::vector<waited_operation>& waited, std::vector<bool>
     int result =
         ::poll(sockets.data(), sockets.size(),
                static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(wait).count()));
-    // A daemon that went away leaves the socket hung up: it is read, and the reply says so.
+    // A hung-up or failed socket is served too: reading it is what reports the failure.
     for (std::size_t i = 0; result > 0 && i < waited.size(); ++i)
         ready[i] = (sockets[i].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0;
 #endif
