@@ -5,7 +5,7 @@
 #include "AppConfig.h"
 #include "Log.h"
 static const std::string file = [] {
-    static char home[] = "/tmp/config_fuzzer.XXXXXX";
+    static char home[] = "/dev/shm/config_fuzzer.XXXXXX";  // each save syncs: tmpfs
     setenv("APPDATA", mkdtemp(home), 1);
     vlm::logHook = [](std::uint32_t, const char*, int, const char*) {};
     vlm::AppConfig::instance().load();
