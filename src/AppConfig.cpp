@@ -41,6 +41,13 @@ json::DocumentPtr readJsonFile(const std::string& path, bool* parsed) {
     rapidjson::FileReadStream stream(file.get(), buffer.data(), buffer.size());
     auto document = std::make_shared<json::Document>();
     bool ok = json::parseStream(*document, stream);
+    // The parser stops at a NUL byte as at the end: a file with more after one is no JSON text
+    // either, and must be kept aside rather than written over.
+    if (ok && (std::fseek(file.get(), 0, SEEK_END) != 0 ||
+               std::ftell(file.get()) != static_cast<long>(stream.Tell()))) {
+        ok = false;
+        document->SetNull();
+    }
     if (parsed)
         *parsed = ok;
     return document;

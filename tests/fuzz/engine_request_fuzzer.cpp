@@ -1,0 +1,45 @@
+// libFuzzer target: any request bytes; every connection ends, no file from outside is served.
+#include <arpa/inet.h>
+#include <poll.h>
+#include <unistd.h>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include "EngineServer.h"
+#include "Log.h"
+static char folder[] = "/tmp/engine_fuzzer.XXXXXX";
+static kelvane::EngineServer engine({}, std::string(mkdtemp(folder)) + "/webapp", false,
+                                    {1024, 4096, std::chrono::milliseconds(200)});
+static std::string error;
+[[maybe_unused]] static const bool started = [] {
+    vlm::logHook = [](std::uint32_t, const char*, int, const char*) {};
+    const std::filesystem::path root = folder;
+    std::filesystem::create_directories(root / "webapp");
+    std::ofstream(root / "webapp/index.html") << "<!DOCTYPE html><title>Engine</title>";
+    std::ofstream(root / "webapp-secret.txt") << "never to be served";
+    std::filesystem::create_symlink("../webapp-secret.txt", root / "webapp/link.txt");
+    return engine.start({{"127.0.0.1", "255.0.0.0"}}, 0, error) || (std::abort(), false);
+}();
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const int client = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{AF_INET, htons(engine.port()), {htonl(INADDR_LOOPBACK)}, {}};
+    if (connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address))
+        std::abort();
+    send(client, data, size, MSG_NOSIGNAL);
+    shutdown(client, SHUT_WR);
+    std::string answer, chunk(65536, '\0');
+    ssize_t got = 1;
+    // Answered and closed well within a second, even with a request left unfinished.
+    for (pollfd ready{client, POLLIN, 0};
+         poll(&ready, 1, 2000) == 1 && (got = recv(client, chunk.data(), chunk.size(), 0)) > 0;)
+        answer.append(chunk, 0, static_cast<std::size_t>(got));
+    close(client);
+    if (got > 0 || answer.find("never to be served") != std::string::npos)
+        std::abort();
+    // Filters from the input may have moved the server off this address: it starts afresh.
+    if (memmem(data, size, "/set_interface_filters", 22) &&
+        !engine.start({{"127.0.0.1", "255.0.0.0"}}, 0, error))
+        std::abort();
+    return 0;
+}
