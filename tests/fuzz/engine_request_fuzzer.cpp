@@ -30,9 +30,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     shutdown(client, SHUT_WR);
     std::string answer, chunk(65536, '\0');
     ssize_t got = 1;
-    // Answered and closed well within a second, even with a request left unfinished.
+    // Answered and closed, even with a request left unfinished; the bound only has to outlast a
+    // loaded machine, the server itself drops a silent client after 200 ms.
     for (pollfd ready{client, POLLIN, 0};
-         poll(&ready, 1, 2000) == 1 && (got = recv(client, chunk.data(), chunk.size(), 0)) > 0;)
+         poll(&ready, 1, 10000) == 1 && (got = recv(client, chunk.data(), chunk.size(), 0)) > 0;)
         answer.append(chunk, 0, static_cast<std::size_t>(got));
     close(client);
     if (got > 0 || answer.find("never to be served") != std::string::npos)
