@@ -20,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include <avahi-common/malloc.h>
+
 #include "velmor_dnssd.h"
 
 #define VELMOR_EXPORT extern "C" __attribute__((visibility("default")))
@@ -52,6 +54,15 @@ const Avahi& avahi() {
             slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(dlsym(library, name));
             return slot != nullptr;
         };
+        // The library leaves the callbacks of a new reference uninitialised and, when the
+        // daemon goes away, calls the browse callback of any reference that has a non-null
+        // one: a resolve or a query open at that moment jumps to garbage. Zeroed memory makes
+        // it fall through to the callback the reference really has.
+        static const AvahiAllocator zeroed{[](size_t size) { return std::calloc(1, size); },
+                                           std::free, std::realloc, std::calloc};
+        decltype(&::avahi_set_allocator) setAllocator = nullptr;
+        if (bind(setAllocator, "avahi_set_allocator"))
+            setAllocator(&zeroed);
         table.loaded = bind(table.refSockFD, "DNSServiceRefSockFD") &&
                        bind(table.processResult, "DNSServiceProcessResult") &&
                        bind(table.refDeallocate, "DNSServiceRefDeallocate") &&

@@ -42,7 +42,9 @@ protected:
                 const std::string& env = "VELMOR_ON_TEST_HOST=1") {
         if (args[0].rfind("avahi-", 0) != 0)
             args.insert(args.begin(), vlm::test::buildDir() + "/zeroconf_host_tool");
-        args.insert(args.begin(), {"env", "-u", "VELMOR_DNSSD_LIBRARY", env});
+        // Fresh allocations not zero: what Avahi's library leaves uninitialised shows.
+        args.insert(args.begin(),
+                    {"env", "-u", "VELMOR_DNSSD_LIBRARY", "MALLOC_PERTURB_=165", env});
         children.push_back(net.start(host, args));
         Child& child = *children.back();
         EXPECT_TRUE(eventually([&] {
@@ -175,6 +177,12 @@ TEST_P(DaemonRestart, AnnouncementAndBrowseComeBack) {
     const std::string before = usage();
     auto back = std::chrono::steady_clock::now();
     for (std::size_t i = 1; i <= GetParam().times; ++i) {
+        if (i == 1) {  // a query under way when the daemon goes: its host has no IPv4 address
+            tool("a", {"avahi-publish-address", "-R", "ghost.local", "fd00::77"});
+            tool("a", {"avahi-publish-service", "-H", "ghost.local",
+                       "--subtype=_ravenna._sub._http._tcp", "G", "_http._tcp", "4001"});
+            std::this_thread::sleep_for(1s);
+        }
         ASSERT_EQ(net.avahi("b", "kill"), 0);
         server->kill(SIGTERM);  // its goodbye is lost on b
         ASSERT_EQ(net.avahi("a", "kill"), 0);
@@ -194,7 +202,7 @@ TEST_P(DaemonRestart, AnnouncementAndBrowseComeBack) {
     ASSERT_TRUE(eventually([&] { return reported("remove", last); }, 20s)) << log(browser);
     const auto after = std::chrono::nanoseconds(reported("remove", last)) - back.time_since_epoch();
     EXPECT_TRUE(after > 6s && after < 10s) << after.count();
-    EXPECT_EQ(reports(browser, "remove").size(), GetParam().times);
+    EXPECT_EQ(reports(browser, "remove").size(), GetParam().times + 1);
     EXPECT_EQ(count(engine.log(), "announced again once the DNS-SD daemon answers"),
               GetParam().times);
     EXPECT_TRUE(eventually([&] { return usage() == before; })) << before << usage();
