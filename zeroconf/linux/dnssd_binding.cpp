@@ -1,44 +1,30 @@
 // The DNS-SD entry points over Avahi's Bonjour compatibility library (libdns_sd.so.1).
 // Every DNSServiceRef handed out here is our own Handle, which owns the library's reference;
 // that lets us drop the flags Avahi refuses, turn its renaming into a name conflict, serve
-// DNSServiceGetAddrInfo from an A-record query and fold Avahi's per-transport duplicates.
+// DNSServiceGetAddrInfo from an A-record query, fold Avahi's per-transport duplicates and finish
+// from the instance's records a resolve that Avahi gave up.
 
 #include <dlfcn.h>
 #include <netinet/in.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <map>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <type_traits>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include <avahi-common/malloc.h>
 
-#include "velmor_dnssd.h"
+#include "dnssd_handle.h"
 
 #define VELMOR_EXPORT extern "C" __attribute__((visibility("default")))
 
-namespace {
-
-// The compatibility library's own entry points.
-struct Avahi {
-    decltype(&::DNSServiceRefSockFD) refSockFD = nullptr;
-    decltype(&::DNSServiceProcessResult) processResult = nullptr;
-    decltype(&::DNSServiceRefDeallocate) refDeallocate = nullptr;
-    decltype(&::DNSServiceRegister) registerService = nullptr;
-    decltype(&::DNSServiceBrowse) browse = nullptr;
-    decltype(&::DNSServiceResolve) resolve = nullptr;
-    decltype(&::DNSServiceQueryRecord) queryRecord = nullptr;
-    bool loaded = false;
-};
+namespace velmor_dnssd {
 
 const Avahi& avahi() {
     static Avahi table;
@@ -74,69 +60,16 @@ const Avahi& avahi() {
     return table;
 }
 
-struct Handle {
-    explicit Handle(void* ctx) : context(ctx) {}
-    ~Handle() {
-        if (inner)
-            avahi().refDeallocate(inner);
-        if (idleFd >= 0)
-            close(idleFd);
-    }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-
-    DNSServiceRef ref() { return reinterpret_cast<DNSServiceRef>(this); }
-
-    // Bonjour reports an instance once; Avahi once per transport. Counts the reports of each
-    // key, so that only the first add and the last remove go through.
-    bool firstAddOrLastRemove(DNSServiceFlags flags, const std::string& key) {
-        if (flags & kDNSServiceFlagsAdd)
-            return ++seen[key] == 1;
-        auto it = seen.find(key);
-        if (it == seen.end())
-            return false;
-        if (--it->second > 0)
-            return false;
-        seen.erase(it);
-        return true;
-    }
-
-    void* const context;
-    // The compatibility library's reference, owned; and what stands in for its socket once a
-    // renamed registration is withdrawn. Changed under the registry's mutex.
-    DNSServiceRef inner = nullptr;
-    int idleFd = -1;
-    DNSServiceRegisterReply registerReply = nullptr;
-    DNSServiceBrowseReply browseReply = nullptr;
-    DNSServiceResolveReply resolveReply = nullptr;
-    DNSServiceQueryRecordReply queryReply = nullptr;
-    DNSServiceGetAddrInfoReply addrInfoReply = nullptr;
-    std::string name;  // registration: the name asked for; address query: the host name
-    bool noAutoRename = false;
-    bool withdraw = false;  // the daemon renamed a registration that must not be renamed
-    // A name taken on this host is refused at once by Avahi; Bonjour reports it through the
-    // callback, so the refusal waits in idleFd (readable) for the next ProcessResult.
-    bool pendingConflict = false;
-    std::string type;
-    std::map<std::string, int> seen;
-
-    // Guarded by the registry's mutex: the callers may end a handle from another thread, or from
-    // inside its own callback, while DNSServiceProcessResult runs on it.
-    int dispatching = 0;
-    std::atomic<bool> released{false};
-};
-
-// The handles given out and not yet deallocated. Never destroyed: callers may deallocate
-// from their own exit handlers.
-struct Registry {
-    std::mutex mutex;
-    std::unordered_set<Handle*> handles;
-};
-
 Registry& registry() {
     static auto* instance = new Registry;
     return *instance;
 }
+
+}  // namespace velmor_dnssd
+
+using namespace velmor_dnssd;
+
+namespace {
 
 // The handle behind ref, marked busy so that it outlives the call; null when not ours.
 Handle* enter(DNSServiceRef ref) {
@@ -223,6 +156,9 @@ void DNSSD_API onResolve(DNSServiceRef, DNSServiceFlags flags, uint32_t interfac
     auto* handle = static_cast<Handle*>(context);
     if (handle->released)
         return;
+    if (error != kDNSServiceErr_NoError && handle->pollFd >= 0 && !handle->records &&
+        resolveFromRecords(*handle, error))
+        return;
     // Avahi gives null names with its errors (a resolve that timed out): callers get "".
     handle->resolveReply(handle->ref(), flags, interfaceIndex, error, text(fullname), text(host),
                          port, txtLen, txt, handle->context);
@@ -278,6 +214,8 @@ VELMOR_EXPORT int DNSSD_API DNSServiceRefSockFD(DNSServiceRef sdRef) {
     auto* handle = reinterpret_cast<Handle*>(sdRef);
     if (!registry().handles.count(handle))
         return -1;
+    if (handle->pollFd >= 0)
+        return handle->pollFd;
     return handle->inner ? avahi().refSockFD(handle->inner) : handle->idleFd;
 }
 
@@ -294,6 +232,8 @@ VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceProcessResult(DNSServiceRe
         handle->pendingConflict = false;
         handle->registerReply(handle->ref(), 0, kDNSServiceErr_NameConflict, handle->name.c_str(),
                               handle->type.c_str(), "local.", handle->context);
+    } else if (handle->pollFd >= 0) {
+        result = processResolve(*handle);
     } else if (handle->inner) {
         result = avahi().processResult(handle->inner);
         if (handle->withdraw && !handle->released) {
@@ -411,10 +351,21 @@ VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceResolve(
         return kDNSServiceErr_BadParam;
     auto* handle = new Handle(context);
     handle->resolveReply = callBack;
-    return adopt(handle,
-                 avahi().resolve(&handle->inner, 0, interfaceIndex, name, regtype, domain,
-                                 onResolve, handle),
-                 sdRef);
+    handle->name = text(name);
+    handle->type = text(regtype);
+    handle->domain = text(domain);
+    handle->interfaceIndex = interfaceIndex;
+    DNSServiceErrorType error = avahi().resolve(&handle->inner, 0, interfaceIndex, name, regtype,
+                                                domain, onResolve, handle);
+    if (error == kDNSServiceErr_NoError) {
+        // Without it the resolve goes as Avahi makes it, and may time out.
+        handle->pollFd = epoll_create1(EPOLL_CLOEXEC);
+        if (handle->pollFd >= 0 && !watch(handle->pollFd, avahi().refSockFD(handle->inner))) {
+            close(handle->pollFd);
+            handle->pollFd = -1;
+        }
+    }
+    return adopt(handle, error, sdRef);
 }
 
 VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceQueryRecord(
