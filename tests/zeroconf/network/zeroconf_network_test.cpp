@@ -88,7 +88,7 @@ TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSees
     Child& browser =
         tool("b", {"browse", "_http._tcp", "_ravenna", "a.local."}, "OPEN_DESCRIPTORS=1100");
     tool("a", {"avahi-publish-service", "-H", "ghost.local", "--subtype=_ravenna._sub._http._tcp",
-               "Ghost", "_http._tcp", "4000"});
+               "Ghost.1", "_http._tcp", "4000"});
     const auto ghostAnnounced = std::chrono::steady_clock::now();
     Child& service = tool(
         "a", {"register", "Odd.Name\\x", "_http._tcp", "9123", "_ravenna", "master:1", "", "x=y"});
@@ -107,7 +107,7 @@ TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSees
     ASSERT_TRUE(eventually([&] { return reports(browser, "add").size() == 2; })) << log(browser);
     add = reports(browser, "add")[1];
     EXPECT_EQ(Fields(add.begin() + 2, add.begin() + 7),
-              (Fields{"Ghost", "_http._tcp.", "ghost.local.", "10.77.0.9", "4000"}));
+              (Fields{"Ghost.1", "_http._tcp.", "ghost.local.", "10.77.0.9", "4000"}));
     stop(service);
     ASSERT_TRUE(eventually([&] { return !reports(browser, "remove").empty(); }, 5s));
     EXPECT_EQ(reports(browser, "remove").size(), 1u);
