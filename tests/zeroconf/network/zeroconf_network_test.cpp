@@ -88,7 +88,7 @@ TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSees
     Child& browser =
         tool("b", {"browse", "_http._tcp", "_ravenna", "a.local."}, "OPEN_DESCRIPTORS=1100");
     tool("a", {"avahi-publish-service", "-H", "ghost.local", "--subtype=_ravenna._sub._http._tcp",
-               "Ghost.1", "_http._tcp", "4000"});
+               "Ghost.1", "_http._tcp", "4000", "master:1"});
     const auto ghostAnnounced = std::chrono::steady_clock::now();
     Child& service = tool(
         "a", {"register", "Odd.Name\\x", "_http._tcp", "9123", "_ravenna", "master:1", "", "x=y"});
@@ -106,8 +106,8 @@ TEST_F(ZeroconfNetwork, RegistrationFailedResolveAndKilledDaemonAsOurBrowserSees
     tool("a", {"avahi-publish-address", "-R", "ghost.local", "10.77.0.9"});
     ASSERT_TRUE(eventually([&] { return reports(browser, "add").size() == 2; })) << log(browser);
     add = reports(browser, "add")[1];
-    EXPECT_EQ(Fields(add.begin() + 2, add.begin() + 7),
-              (Fields{"Ghost.1", "_http._tcp.", "ghost.local.", "10.77.0.9", "4000"}));
+    EXPECT_EQ(Fields(add.begin() + 2, add.end()),
+              (Fields{"Ghost.1", "_http._tcp.", "ghost.local.", "10.77.0.9", "4000", "master:1"}));
     stop(service);
     ASSERT_TRUE(eventually([&] { return !reports(browser, "remove").empty(); }, 5s));
     EXPECT_EQ(reports(browser, "remove").size(), 1u);
