@@ -1,5 +1,6 @@
 // libFuzzer target: any request bytes; every connection ends, no file from outside is served.
 #include <arpa/inet.h>
+#include <errno.h>
 #include <poll.h>
 #include <unistd.h>
 #include <cstring>
@@ -24,17 +25,30 @@ static std::string error;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const int client = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{AF_INET, htons(engine.port()), {htonl(INADDR_LOOPBACK)}, {}};
-    if (connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address))
-        std::abort();
-    send(client, data, size, MSG_NOSIGNAL);
+    // libFuzzer's alarm signal interrupts system calls (EINTR): they are made again.
+    while (connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 &&
+           errno != EISCONN)
+        if (errno != EINTR && errno != EALREADY)
+            std::abort();
+    while (send(client, data, size, MSG_NOSIGNAL) < 0 && errno == EINTR) {
+    }
     shutdown(client, SHUT_WR);
     std::string answer, chunk(65536, '\0');
     ssize_t got = 1;
     // Answered and closed, even with a request left unfinished; the bound only has to outlast a
     // loaded machine, the server itself drops a silent client after 200 ms.
-    for (pollfd ready{client, POLLIN, 0};
-         poll(&ready, 1, 10000) == 1 && (got = recv(client, chunk.data(), chunk.size(), 0)) > 0;)
+    for (pollfd ready{client, POLLIN, 0};;) {
+        const int events = poll(&ready, 1, 10000);
+        if (events == 1)
+            got = recv(client, chunk.data(), chunk.size(), 0);
+        if ((events < 0 || got < 0) && errno == EINTR) {
+            got = 1;
+            continue;
+        }
+        if (events != 1 || got <= 0)
+            break;
         answer.append(chunk, 0, static_cast<std::size_t>(got));
+    }
     close(client);
     if (got > 0 || answer.find("never to be served") != std::string::npos)
         std::abort();
