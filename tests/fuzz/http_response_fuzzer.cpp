@@ -17,9 +17,11 @@ static std::string response;
             asio::ip::tcp::socket peer = acceptor.accept(error);
             if (error)
                 return;  // the process is ending
-            std::unique_lock<std::mutex> lock(guard);
-            const std::string answer = response;
-            lock.unlock();
+            std::string answer;
+            {
+                std::lock_guard<std::mutex> lock(guard);
+                answer = response;
+            }
             asio::streambuf request;
             asio::read_until(peer, request, "\r\n\r\n", error);
             asio::write(peer, asio::buffer(answer), error);
@@ -31,9 +33,10 @@ static std::string response;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string input(reinterpret_cast<const char*>(data), size);
-    std::unique_lock<std::mutex> lock(guard);
-    response = input;
-    lock.unlock();
+    {
+        std::lock_guard<std::mutex> lock(guard);
+        response = input;
+    }
     std::ostringstream body;
     const bool read = vlm::httpGet("127.0.0.1:" + std::to_string(acceptor.local_endpoint().port()),
                                    "/plugins.json", body);

@@ -6,7 +6,6 @@
 
 #include <dlfcn.h>
 #include <netinet/in.h>
-#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -56,6 +55,8 @@ const Avahi& avahi() {
                        bind(table.browse, "DNSServiceBrowse") &&
                        bind(table.resolve, "DNSServiceResolve") &&
                        bind(table.queryRecord, "DNSServiceQueryRecord");
+        // Only a resolve that Avahi gave up needs it.
+        bind(table.constructFullName, "DNSServiceConstructFullName");
     });
     return table;
 }
@@ -357,14 +358,9 @@ VELMOR_EXPORT DNSServiceErrorType DNSSD_API DNSServiceResolve(
     handle->interfaceIndex = interfaceIndex;
     DNSServiceErrorType error = avahi().resolve(&handle->inner, 0, interfaceIndex, name, regtype,
                                                 domain, onResolve, handle);
-    if (error == kDNSServiceErr_NoError) {
-        // Without it the resolve goes as Avahi makes it, and may time out.
-        handle->pollFd = epoll_create1(EPOLL_CLOEXEC);
-        if (handle->pollFd >= 0 && !watch(handle->pollFd, avahi().refSockFD(handle->inner))) {
-            close(handle->pollFd);
-            handle->pollFd = -1;
-        }
-    }
+    // Without its own socket the resolve goes as Avahi makes it, and may time out.
+    if (error == kDNSServiceErr_NoError)
+        handle->pollFd = resolveSocket(avahi().refSockFD(handle->inner));
     return adopt(handle, error, sdRef);
 }
 

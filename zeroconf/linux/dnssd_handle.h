@@ -25,17 +25,13 @@ struct Avahi {
     decltype(&::DNSServiceBrowse) browse = nullptr;
     decltype(&::DNSServiceResolve) resolve = nullptr;
     decltype(&::DNSServiceQueryRecord) queryRecord = nullptr;
+    decltype(&::DNSServiceConstructFullName) constructFullName = nullptr;
     bool loaded = false;
 };
 
 const Avahi& avahi();
 
-// Avahi resolves over the transport it heard first and times out when that one has no address
-// for the host (it loses its own IPv6 address record when the IPv4 address goes and comes back
-// while it runs). Record queries hear both transports, so the resolve is finished from the
-// instance's SRV and TXT records, within the time Avahi itself allows.
-constexpr time_t kRecordsWaitSeconds = 5;
-
+// The SRV and TXT queries that finish a resolve Avahi gave up (see dnssd_records.cpp).
 struct FromRecords {
     ~FromRecords() {
         for (DNSServiceRef ref : {srv, txt})
@@ -48,10 +44,11 @@ struct FromRecords {
     DNSServiceRef txt = nullptr;
     int timer = -1;
     DNSServiceErrorType error = kDNSServiceErr_NoError;  // Avahi's, if the records do not come
-    std::string fullname, host;
+    std::string fullname;
+    std::string host;   // the SRV record's target, empty until it came
     uint16_t port = 0;  // network order, as the SRV record has it
     std::vector<unsigned char> text;
-    bool haveSrv = false, haveTxt = false, done = false;
+    bool haveTxt = false, done = false;
 };
 
 struct Handle {
@@ -122,11 +119,11 @@ struct Registry {
 };
 Registry& registry();
 
+/// The socket a resolve hands its caller, over Avahi's own (avahiFd); -1 if none can be made.
+int resolveSocket(int avahiFd);
 /// Takes over a resolve that Avahi ended with error; false when the queries cannot start.
 bool resolveFromRecords(Handle& handle, DNSServiceErrorType error);
 /// Serves a resolve whose socket (pollFd) is ready.
 DNSServiceErrorType processResolve(Handle& handle);
-/// Adds fd to the resolve's pollFd.
-bool watch(int pollFd, int fd);
 
 }  // namespace velmor_dnssd

@@ -1,4 +1,7 @@
 // A resolve finished from the instance's SRV and TXT records once Avahi has given it up.
+// Avahi resolves over the transport it heard first and times out when that one has no address
+// for the host (it loses its own IPv6 address record when the IPv4 address goes and comes back
+// while it runs). Record queries hear both transports; they get the time Avahi itself allows.
 
 #include <poll.h>
 #include <sys/epoll.h>
@@ -13,6 +16,8 @@
 namespace velmor_dnssd {
 
 namespace {
+
+constexpr time_t kRecordsWaitSeconds = 5;
 
 // A label as DNS-SD writes it in a name: dots and backslashes escaped, control bytes as \DDD.
 std::string escapedLabel(std::string_view label) {
@@ -37,12 +42,6 @@ bool readable(int fd) {
     return fd >= 0 && ::poll(&ready, 1, 0) == 1;
 }
 
-std::string withDot(std::string name) {
-    if (name.empty() || name.back() != '.')
-        name += '.';
-    return name;
-}
-
 // An SRV record's port and target (after priority and weight, the name in labels).
 bool parseSrv(const unsigned char* data, std::size_t size, uint16_t& port, std::string& host) {
     if (size < 7)
@@ -63,6 +62,19 @@ bool parseSrv(const unsigned char* data, std::size_t size, uint16_t& port, std::
     return false;
 }
 
+bool watch(int pollFd, int fd) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    return fd >= 0 && epoll_ctl(pollFd, EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+// Nothing more is reported, and the time limit no longer wakes the caller.
+void stopWaiting(Handle& handle) {
+    handle.records->done = true;
+    epoll_ctl(handle.pollFd, EPOLL_CTL_DEL, handle.records->timer, nullptr);
+}
+
 void DNSSD_API onRecord(DNSServiceRef, DNSServiceFlags flags, uint32_t, DNSServiceErrorType error,
                         const char*, uint16_t rrtype, uint16_t, uint16_t rdlen, const void* rdata,
                         uint32_t, void* context) {
@@ -72,16 +84,15 @@ void DNSSD_API onRecord(DNSServiceRef, DNSServiceFlags flags, uint32_t, DNSServi
         !(flags & kDNSServiceFlagsAdd) || (rdlen && !rdata))
         return;
     const auto* bytes = static_cast<const unsigned char*>(rdata);
-    if (rrtype == kDNSServiceType_SRV && parseSrv(bytes, rdlen, records.port, records.host))
-        records.haveSrv = true;
+    if (rrtype == kDNSServiceType_SRV)
+        parseSrv(bytes, rdlen, records.port, records.host);
     if (rrtype == kDNSServiceType_TXT) {
         records.text.assign(bytes, bytes + rdlen);
         records.haveTxt = true;
     }
-    if (!records.haveSrv || !records.haveTxt)
+    if (records.host.empty() || !records.haveTxt)
         return;
-    records.done = true;
-    epoll_ctl(handle->pollFd, EPOLL_CTL_DEL, records.timer, nullptr);
+    stopWaiting(*handle);
     handle->resolveReply(handle->ref(), 0, handle->interfaceIndex, kDNSServiceErr_NoError,
                          records.fullname.c_str(), records.host.c_str(), records.port,
                          static_cast<uint16_t>(records.text.size()), records.text.data(),
@@ -90,18 +101,24 @@ void DNSSD_API onRecord(DNSServiceRef, DNSServiceFlags flags, uint32_t, DNSServi
 
 }  // namespace
 
-bool watch(int pollFd, int fd) {
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.fd = fd;
-    return fd >= 0 && epoll_ctl(pollFd, EPOLL_CTL_ADD, fd, &event) == 0;
+int resolveSocket(int avahiFd) {
+    int pollFd = epoll_create1(EPOLL_CLOEXEC);
+    if (pollFd >= 0 && !watch(pollFd, avahiFd)) {
+        close(pollFd);
+        pollFd = -1;
+    }
+    return pollFd;
 }
 
 bool resolveFromRecords(Handle& handle, DNSServiceErrorType error) {
+    char fullname[kDNSServiceMaxDomainName];
+    if (!avahi().constructFullName ||
+        avahi().constructFullName(fullname, handle.name.c_str(), handle.type.c_str(),
+                                  handle.domain.empty() ? "local" : handle.domain.c_str()) != 0)
+        return false;
     auto records = std::make_unique<FromRecords>();
     records->error = error;
-    records->fullname = escapedLabel(handle.name) + "." + withDot(handle.type) +
-                        withDot(handle.domain.empty() ? "local" : handle.domain);
+    records->fullname = fullname;
     records->timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
     const itimerspec wait{{0, 0}, {kRecordsWaitSeconds, 0}};
     auto query = [&](DNSServiceRef& ref, uint16_t type) {
@@ -138,8 +155,7 @@ DNSServiceErrorType processResolve(Handle& handle) {
         avahi().refDeallocate(ended);
     }
     if (records && !records->done && readable(records->timer)) {
-        records->done = true;
-        epoll_ctl(handle.pollFd, EPOLL_CTL_DEL, records->timer, nullptr);
+        stopWaiting(handle);
         if (!handle.released)
             handle.resolveReply(handle.ref(), 0, handle.interfaceIndex, records->error, "", "", 0,
                                 0, nullptr, handle.context);
